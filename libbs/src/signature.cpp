@@ -1,0 +1,212 @@
+#include "signature.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "log.h"
+
+namespace {
+
+constexpr unsigned char c_footprint[4] = {':', 'Z', 'O', 'L'};
+constexpr unsigned int c_lengthFieldSize = 8;
+constexpr unsigned int c_tailSize = c_lengthFieldSize + sizeof(c_footprint);
+constexpr unsigned int c_blankWindow = 8;
+constexpr unsigned int c_metaFieldSize = 3;
+
+inline bool fitsPositions(off_t size)
+{
+    return static_cast<std::uint64_t>(size) <= std::numeric_limits<std::uint32_t>::max();
+}
+
+inline bool isTrailingBlank(unsigned char c)
+{
+    return c == '\n' || c == ' ' || c == '\r';
+}
+
+}  // namespace
+
+FILE* bs_fopen(const char* path, const char* mode)
+{
+    return std::fopen(path, mode);
+}
+
+void bs_fclose(FILE* pFile)
+{
+    if (pFile != nullptr) {
+        std::fclose(pFile);
+    }
+}
+
+Signature::Signature() : m_offset(0), m_metaSize(c_metaFieldSize) {}
+
+Signature::Signature(const ByteBuffer& text, unsigned int offset)
+    : ByteBuffer(text), m_offset(offset), m_metaSize(c_metaFieldSize)
+{
+}
+
+Signature::Signature(const Signature& other)
+    : ByteBuffer(other), m_offset(other.m_offset), m_metaSize(c_metaFieldSize)
+{
+}
+
+Signature& Signature::operator=(const Signature& other)
+{
+    if (this != &other) {
+        ByteBuffer::operator=(other);
+        m_offset = other.m_offset;
+    }
+    return *this;
+}
+
+Signature::~Signature() = default;
+
+unsigned int Signature::offset() const
+{
+    return m_offset;
+}
+
+bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
+{
+    FILE* pFile = bs_fopen(path.c_str(), "rb");
+    if (pFile == nullptr) {
+        KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
+        return false;
+    }
+    const unsigned int blockEnd = getFileSize(pFile);
+    bool loaded = false;
+    // In a file larger than the 32-bit positions reach, every wrapped position
+    // still exists; such a file never carries a block.
+    struct stat status {};
+    const bool fits = fstat(fileno(pFile), &status) == 0 && fitsPositions(status.st_size);
+    if (fits && checkSignatureFootprint(pFile, blockEnd - sizeof(c_footprint))) {
+        loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
+    }
+    bs_fclose(pFile);
+    return loaded;
+}
+
+unsigned int Signature::getFileSize(FILE* pFile) const
+{
+    if (pFile == nullptr) {
+        KZOL_LOGE("Signature::getFileSize(): pFile is NULL");
+        return 0;
+    }
+    if (fseeko(pFile, 0, SEEK_END) != 0) {
+        KZOL_LOGE("Signature::%s() fread error ", "getFileSize");
+        return 0;
+    }
+    const off_t end = ftello(pFile);
+    // Positions are 32-bit: a file whose size cannot be told or does not fit
+    // has no block end. Wrapping the size would read a "block" from the middle
+    // of the file and leave its tail outside the signature.
+    if (end < 0 || !fitsPositions(end)) {
+        KZOL_LOGE("Signature::%s() fread error ", "getFileSize");
+        return 0;
+    }
+    const auto size = static_cast<unsigned int>(end);
+    unsigned char last[c_blankWindow];
+    if (size < c_blankWindow || fseeko(pFile, static_cast<off_t>(size - c_blankWindow), SEEK_SET) != 0 ||
+        std::fread(last, 1, c_blankWindow, pFile) != c_blankWindow) {
+        KZOL_LOGE("Signature::%s() fread error ", "getFileSize");
+        return size;
+    }
+    unsigned int blanks = 0;
+    for (unsigned char c : last) {
+        if (isTrailingBlank(c)) {
+            ++blanks;
+        }
+    }
+    return size - blanks;
+}
+
+bool Signature::checkSignatureFootprint(FILE* pFile, unsigned int position) const
+{
+    unsigned char bytes[sizeof(c_footprint)];
+    return readFromFile(pFile, position, bytes, sizeof(bytes)) &&
+           std::memcmp(bytes, c_footprint, sizeof(c_footprint)) == 0;
+}
+
+bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSigMeta& meta)
+{
+    char field[c_lengthFieldSize];
+    if (!readFromFile(pFile, position, field, sizeof(field))) {
+        return false;
+    }
+    char decoded[6];  // up to 3 bytes for every 4 characters
+    unsigned int decodedLength = 0;
+    if (!base64_decode(field, sizeof(field), decoded, &decodedLength) || decodedLength != 4) {
+        return false;
+    }
+    const auto* be = reinterpret_cast<const unsigned char*>(decoded);
+    const unsigned int textLength = (static_cast<unsigned int>(be[0]) << 24) |
+                                    (static_cast<unsigned int>(be[1]) << 16) |
+                                    (static_cast<unsigned int>(be[2]) << 8) | be[3];
+    if (position <= textLength) {
+        return false;
+    }
+    m_offset = position - textLength;
+
+    resize(textLength);
+    // An empty text is a null buffer to readFromFile, which refuses it.
+    const bool textRead = readFromFile(pFile, m_offset, empty() ? nullptr : data(), textLength);
+    if (textRead) {
+        push_back('\0');
+    }
+    if (m_offset <= m_metaSize) {
+        return false;  // no room left for any content before the metadata
+    }
+    const bool infoRead = getSignatureInfo(pFile, m_offset, meta);
+    return textRead && infoRead;
+}
+
+bool Signature::getSignatureInfo(FILE* pFile, unsigned int position, _ZolSigMeta& meta) const
+{
+    unsigned char field[c_metaFieldSize] = {};
+    static_assert(sizeof(field) == c_metaFieldSize, "metadata field size");
+    if (!readFromFile(pFile, position - m_metaSize, field, m_metaSize)) {
+        KZOL_LOGE("Signature::%s(): file to read file", "getSignatureInfo");
+        return false;
+    }
+    const char type = static_cast<char>(field[0]);
+    if (type != 'L' && type != 'P') {
+        KZOL_LOGE("Signature::%s(): file to read file signature type[%c]", "getSignatureInfo", type);
+        return false;
+    }
+    meta.sigType = type;
+    meta.keyId = static_cast<char>(field[1]);
+    return true;
+}
+
+bool Signature::readFromFile(FILE* pFile, unsigned int position, void* buffer, unsigned int count) const
+{
+    if (pFile == nullptr || buffer == nullptr) {
+        KZOL_LOGE("Signature::readFromFile(): NULL arguments");
+        return false;
+    }
+    if (fseeko(pFile, static_cast<off_t>(position), SEEK_SET) != 0) {
+        return false;
+    }
+    return std::fread(buffer, 1, count, pFile) == count;
+}
+
+void Signature::composeSignature(ByteBuffer& out) const
+{
+    out.clear();
+    if (empty()) {
+        return;
+    }
+    const unsigned int textLength = static_cast<unsigned int>(size() - 1);
+    out.reserve(textLength + c_tailSize);
+    out.assign(begin(), begin() + textLength);
+    const unsigned char be[4] = {
+        static_cast<unsigned char>(textLength >> 24), static_cast<unsigned char>(textLength >> 16),
+        static_cast<unsigned char>(textLength >> 8), static_cast<unsigned char>(textLength)};
+    char field[c_lengthFieldSize];
+    base64_encode(reinterpret_cast<const char*>(be), sizeof(be), field, sizeof(field));
+    out.insert(out.end(), field, field + sizeof(field));
+    out.insert(out.end(), c_footprint, c_footprint + sizeof(c_footprint));
+}

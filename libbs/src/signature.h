@@ -1,0 +1,59 @@
+// The signature block appended to a signed file, read from the end:
+//
+//   content | meta(3) | text(L) | length field(8, base64 of L big-endian) | ":ZOL" | blanks(0..8)
+//
+// `offset()` is the position of the text, which is also the length of the
+// signed region (content and metadata).
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+#include "string_utils.h"
+
+// The two metadata characters of a block: signature type ('L' or 'P') and key
+// selector ('5' or '6' select a built-in key). Defined only after a load that
+// succeeded.
+struct _ZolSigMeta {
+    char sigType;
+    char keyId;
+};
+
+// The value that writers put in the third metadata byte. Readers ignore it.
+constexpr unsigned char c_zolMetaReserved = '0';
+
+class Signature : public ByteBuffer {
+public:
+    Signature();
+    // A writer's block from an MPI string (with its NUL) and the length of the
+    // signed region.
+    Signature(const ByteBuffer& text, unsigned int offset);
+    Signature(const Signature& other);
+    Signature& operator=(const Signature& other);
+    ~Signature();
+
+    // Finds and loads the block at the end of the file. On success the text
+    // holds the L text bytes and one NUL, and `meta` is filled.
+    bool loadFromFile(const std::string& path, _ZolSigMeta& meta);
+
+    unsigned int offset() const;
+
+    // Replaces `out` with what follows the metadata field in a signed file:
+    // text, length field and footprint. An empty text yields an empty output.
+    void composeSignature(ByteBuffer& out) const;
+
+    // The steps of loadFromFile.
+    unsigned int getFileSize(FILE* pFile) const;
+    bool checkSignatureFootprint(FILE* pFile, unsigned int position) const;
+    bool loadSignatureContent(FILE* pFile, unsigned int position, _ZolSigMeta& meta);
+    bool getSignatureInfo(FILE* pFile, unsigned int position, _ZolSigMeta& meta) const;
+    bool readFromFile(FILE* pFile, unsigned int position, void* buffer, unsigned int count) const;
+
+private:
+    unsigned int m_offset;
+    unsigned int m_metaSize;
+};
+
+// The engine opens every file it reads through these ("rb").
+FILE* bs_fopen(const char* path, const char* mode);
+void bs_fclose(FILE* pFile);

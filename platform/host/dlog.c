@@ -1,0 +1,82 @@
+/* Host stand-in of the platform log: one line per message on standard error,
+ * "<P>/<tag>(<pid>): <message>", written with a single write() so that lines
+ * of concurrent threads never interleave. */
+#include <dlog.h>
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static char priority_letter(int prio)
+{
+    switch (prio) {
+    case 2: return 'V';
+    case 3: return 'D';
+    case DLOG_INFO: return 'I';
+    case DLOG_WARN: return 'W';
+    case DLOG_ERROR: return 'E';
+    case 7: return 'F';
+    default: return '?';
+    }
+}
+
+static int write_all(int fd, const char *p, size_t n)
+{
+    while (n > 0) {
+        ssize_t w = write(fd, p, n);
+        if (w < 0) {
+            if (errno == EINTR)
+                continue;
+            return -1;
+        }
+        p += w;
+        n -= (size_t)w;
+    }
+    return 0;
+}
+
+int __dlog_print(log_id_t log_id, int prio, const char *tag, const char *fmt, ...)
+{
+    (void)log_id;
+    if (fmt == NULL)
+        return -1;
+
+    char head[160];
+    int hn = snprintf(head, sizeof head, "%c/%s(%ld): ", priority_letter(prio),
+                      tag ? tag : "", (long)getpid());
+    if (hn < 0)
+        return -1;
+    if ((size_t)hn >= sizeof head)
+        hn = (int)sizeof head - 1;
+
+    va_list ap;
+    va_start(ap, fmt);
+    va_list ap2;
+    va_copy(ap2, ap);
+    int mn = vsnprintf(NULL, 0, fmt, ap);
+    va_end(ap);
+    if (mn < 0) {
+        va_end(ap2);
+        return -1;
+    }
+
+    size_t total = (size_t)hn + (size_t)mn + 1;
+    char small[1024];
+    char *line = total <= sizeof small ? small : malloc(total);
+    if (line == NULL) {
+        va_end(ap2);
+        return -1;
+    }
+    memcpy(line, head, (size_t)hn);
+    vsnprintf(line + hn, (size_t)mn + 1, fmt, ap2);
+    va_end(ap2);
+    line[total - 1] = '\n';
+
+    int rc = write_all(STDERR_FILENO, line, total) == 0 ? (int)total : -1;
+    if (line != small)
+        free(line);
+    return rc;
+}

@@ -1,0 +1,70 @@
+// Shared helpers of the test suites: a recorder that stands in for the
+// platform log, capture of standard error, temporary directories and files.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kzol_test {
+
+// Every __dlog_print call of the library lands here (the test program defines
+// __dlog_print, which takes precedence over the platform's library). Lines are
+// rendered "<P>/<tag>: <message>" with the source line of the message prefix
+// replaced by "N", so that tests compare whole lines without depending on line
+// numbers.
+class LogRecorder {
+public:
+    static void clear();
+    static std::vector<std::string> lines();
+};
+
+// Expected platform-log lines, as LogRecorder renders them; `text` is the
+// message after the prefix, without the priority's colour.
+std::string errorLine(const std::string& file, const std::string& function, const std::string& text);
+std::string infoLine(const std::string& file, const std::string& function, const std::string& text);
+std::string warnLine(const std::string& file, const std::string& function, const std::string& text);
+
+// Redirects standard error (descriptor 2) to a file for its lifetime.
+class StderrCapture {
+public:
+    StderrCapture();
+    ~StderrCapture();
+    StderrCapture(const StderrCapture&) = delete;
+    StderrCapture& operator=(const StderrCapture&) = delete;
+    // Ends the capture and answers what was written.
+    std::string finish();
+
+private:
+    int m_saved;
+    int m_file;
+    bool m_done;
+};
+
+// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+void writeFile(const std::string& path, const std::string& bytes);
+std::string readFile(const std::string& path);
+
+// Runs a shell command; answers its exit status and fills `output` with its
+// standard output.
+int run(const std::string& command, std::string* output = nullptr);
+
+// Paths of the source tree, the development keys and the built tools.
+std::string sourceDir();
+std::string devKeyDir();
+std::string devPrivateKey(char selector);
+std::string devPublicKey(char selector);
+
+}  // namespace kzol_test
