@@ -1,1 +1,192 @@
 #include "verify_context.h"
+
+#include <openssl/bio.h>
+#include <openssl/pem.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstddef>
+#include <memory>
+
+#include "log.h"
+
+namespace {
+
+struct BioFree {
+    void operator()(BIO* pBio) const { BIO_free(pBio); }
+};
+using BioPtr = std::unique_ptr<BIO, BioFree>;
+
+// The largest piece that fits the 32-bit length of the pointer operations.
+constexpr std::size_t c_maxPiece = UINT_MAX;
+
+}  // namespace
+
+VerifyContext::VerifyContext() : m_pKey(nullptr), m_pContext(nullptr) {}
+
+VerifyContext::~VerifyContext()
+{
+    destroy();
+}
+
+bool VerifyContext::loadKey(const std::string& key)
+{
+    destroyKey();
+
+    m_pKey = EVP_PKEY_new();
+    const BioPtr bio(BIO_new(BIO_s_mem()));
+    if (m_pKey == nullptr && !bio) {
+        KZOL_LOGE("VerifyContext::loadKey(): failed to allocate key");
+        return false;
+    }
+
+    // A text too long for BIO_write's length counts as a failed write rather
+    // than being cut short.
+    int written = -1;
+    if (bio && key.size() <= static_cast<std::size_t>(INT_MAX)) {
+        written = BIO_write(bio.get(), key.data(), static_cast<int>(key.size()));
+    }
+
+    // On success PEM_read_bio_PUBKEY stores the key it read in m_pKey and
+    // disposes of the object that was there (or makes one when there was
+    // none); on failure it leaves m_pKey as it was. Either way m_pKey is the
+    // only handle to release afterwards.
+    if (!bio || written < 0 || PEM_read_bio_PUBKEY(bio.get(), &m_pKey, nullptr, nullptr) == nullptr ||
+        EVP_PKEY_type(EVP_PKEY_id(m_pKey)) != EVP_PKEY_RSA) {
+        KZOL_LOGE("VerifyContext::loadKey(): failed to load public key");
+        EVP_PKEY_free(m_pKey);
+        return false;
+    }
+    return true;
+}
+
+bool VerifyContext::loadPublicKey(const std::string& key)
+{
+    return loadKey(key);
+}
+
+bool VerifyContext::init()
+{
+    destroyContext();
+
+    m_pContext = EVP_MD_CTX_new();
+    if (m_pContext == nullptr) {
+        KZOL_LOGE("VerifyContext::init(): failed to allocate OpenSSL context");
+        return false;
+    }
+    return EVP_DigestInit(m_pContext, hashType()) == 1;
+}
+
+bool VerifyContext::update(const unsigned char* data, unsigned int length)
+{
+    if (m_pContext == nullptr) {
+        KZOL_LOGE("VerifyContext::update(): m_pContext is NULL");
+        return false;
+    }
+    if (data == nullptr) {
+        KZOL_LOGE("VerifyContext::update(): data is NULL");
+        return false;
+    }
+    return EVP_DigestUpdate(m_pContext, data, length) == 1;
+}
+
+bool VerifyContext::update(const ByteBuffer& data)
+{
+    if (data.empty()) {
+        KZOL_LOGE("VerifyContext::update(): data is empty");
+        return false;
+    }
+    // Fed in place; a buffer beyond the 32-bit length goes in several pieces
+    // so that none of it is left out of the digest.
+    const unsigned char* pData = data.data();
+    std::size_t remaining = data.size();
+    while (remaining > 0) {
+        const std::size_t piece = std::min(remaining, c_maxPiece);
+        if (!update(pData, static_cast<unsigned int>(piece))) {
+            return false;
+        }
+        pData += piece;
+        remaining -= piece;
+    }
+    return true;
+}
+
+bool VerifyContext::check(const unsigned char* pSignature, unsigned int length, bool& isVerified)
+{
+    if (pSignature == nullptr) {
+        KZOL_LOGE("VerifyContext::check(): pSignature is NULL");
+        return false;
+    }
+    if (m_pContext == nullptr || m_pKey == nullptr) {
+        KZOL_LOGE("VerifyContext::check(): m_pKey or m_pContext is NULL");
+        return false;
+    }
+    const int result = EVP_VerifyFinal(m_pContext, pSignature, length, m_pKey);
+    if (result == -1) {
+        return false;
+    }
+    isVerified = (result == 1);
+    return true;
+}
+
+bool VerifyContext::check(const ByteBuffer& signature, bool& isVerified)
+{
+    if (signature.empty()) {
+        KZOL_LOGE("VerifyContext::check(): signature is empty");
+        return false;
+    }
+    // A signature beyond the 32-bit length is passed as UINT_MAX bytes, which
+    // no key's modulus size matches; cutting the length down instead could
+    // turn an overlong buffer into one of the right size.
+    const std::size_t length = std::min(signature.size(), c_maxPiece);
+    return check(signature.data(), static_cast<unsigned int>(length), isVerified);
+}
+
+bool VerifyContext::checkMPI(const ByteBuffer& signature, bool& isVerified)
+{
+    ByteBuffer raw;
+    if (!fromMPIString(signature, raw)) {
+        KZOL_LOGE("VerifyContext::checkMPI(): invalid MPI format");
+        return false;
+    }
+    return check(raw, isVerified);
+}
+
+bool VerifyContext::checkSignature(const ByteBuffer& data, const ByteBuffer& signature, bool& isVerified)
+{
+    return init() && update(data) && check(signature, isVerified);
+}
+
+bool VerifyContext::checkSignatureMPI(const ByteBuffer& data, const ByteBuffer& signature, bool& isVerified)
+{
+    return init() && update(data) && checkMPI(signature, isVerified);
+}
+
+void VerifyContext::destroy()
+{
+    destroyContext();
+    destroyKey();
+}
+
+void VerifyContext::destroyKey()
+{
+    if (m_pKey != nullptr) {
+        EVP_PKEY_free(m_pKey);
+        m_pKey = nullptr;
+    }
+}
+
+void VerifyContext::destroyContext()
+{
+    if (m_pContext != nullptr) {
+        EVP_MD_CTX_free(m_pContext);
+        m_pContext = nullptr;
+    }
+}
+
+const EVP_MD* hashType()
+{
+    return EVP_sha256();
+}
+
+void cleanupOpenSSL() {}

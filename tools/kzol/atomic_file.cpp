@@ -1,0 +1,147 @@
+#include "atomic_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace kzol {
+
+std::string directoryOf(const std::string& path)
+{
+    const std::size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+namespace {
+
+std::string baseNameOf(const std::string& path)
+{
+    const std::size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Makes a rename or link in `directory` durable, as far as the file system
+// allows. This comes after the new name is in place, so a failure here is not
+// reported: the destination already holds the complete new contents.
+void syncDirectory(const std::string& directory)
+{
+    UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd) {
+        ::fsync(fd.get());
+    }
+}
+
+}  // namespace
+
+AtomicFileWriter::~AtomicFileWriter()
+{
+    if (!m_committed) {
+        discard();
+    }
+}
+
+void AtomicFileWriter::discard()
+{
+    m_fd.close();
+    if (!m_temporary.empty()) {
+        ::unlink(m_temporary.c_str());
+        m_temporary.clear();
+    }
+}
+
+bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::string& error)
+{
+    discard();
+    m_committed = false;
+    m_destination = destination;
+    std::string pattern = directoryOf(destination) + "/." + baseNameOf(destination) + ".kzol-XXXXXX";
+    const int fd = ::mkostemp(&pattern[0], O_CLOEXEC);
+    if (fd < 0) {
+        error = "cannot create a temporary file in " + directoryOf(destination) + ": " + errnoText(errno);
+        return false;
+    }
+    m_fd = UniqueFd(fd);
+    m_temporary = pattern;
+    if (::fchmod(fd, mode) != 0) {
+        error = "cannot set the permissions of " + m_temporary + ": " + errnoText(errno);
+        discard();
+        return false;
+    }
+    return true;
+}
+
+bool AtomicFileWriter::write(const ByteBuffer& bytes, std::string& error)
+{
+    if (!m_fd) {
+        error = "no temporary file open for " + m_destination;
+        return false;
+    }
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(m_fd.get(), bytes.data() + done, bytes.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = "cannot write " + m_temporary + ": " + errnoText(errno);
+            discard();
+            return false;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return true;
+}
+
+bool AtomicFileWriter::commit(bool replace, std::string& error)
+{
+    if (!m_fd) {
+        error = "no temporary file open for " + m_destination;
+        return false;
+    }
+    if (::fsync(m_fd.get()) != 0) {
+        error = "cannot flush " + m_temporary + ": " + errnoText(errno);
+        discard();
+        return false;
+    }
+    if (!m_fd.close()) {
+        error = "cannot close " + m_temporary + ": " + errnoText(errno);
+        discard();
+        return false;
+    }
+    if (replace) {
+        if (::rename(m_temporary.c_str(), m_destination.c_str()) != 0) {
+            error = "cannot rename " + m_temporary + " to " + m_destination + ": " + errnoText(errno);
+            discard();
+            return false;
+        }
+    } else {
+        // link() refuses an existing name, so a file that appeared since the
+        // caller looked is never overwritten.
+        if (::link(m_temporary.c_str(), m_destination.c_str()) != 0) {
+            error = errno == EEXIST ? m_destination + " already exists"
+                                    : "cannot create " + m_destination + ": " + errnoText(errno);
+            discard();
+            return false;
+        }
+        ::unlink(m_temporary.c_str());
+    }
+    m_temporary.clear();
+    m_committed = true;
+    syncDirectory(directoryOf(m_destination));
+    return true;
+}
+
+bool writeFileAtomic(const std::string& destination, const ByteBuffer& bytes, mode_t mode, bool replace,
+                     std::string& error)
+{
+    AtomicFileWriter writer;
+    return writer.begin(destination, mode, error) && writer.write(bytes, error) && writer.commit(replace, error);
+}
+
+}  // namespace kzol

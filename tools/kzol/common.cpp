@@ -1,0 +1,114 @@
+#include "common.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <openssl/err.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+
+namespace kzol {
+
+int fail(const std::string& message)
+{
+    return fail(c_exitError, message);
+}
+
+int fail(int status, const std::string& message)
+{
+    std::cerr << "kzol: " << message << std::endl;
+    return status;
+}
+
+UniqueFd::~UniqueFd()
+{
+    close();
+}
+
+bool UniqueFd::close()
+{
+    if (m_fd < 0) {
+        return true;
+    }
+    const int fd = m_fd;
+    m_fd = -1;
+    return ::close(fd) == 0;
+}
+
+std::string opensslErrors()
+{
+    std::string text;
+    unsigned long code;
+    while ((code = ERR_get_error()) != 0) {
+        char buffer[256];
+        ERR_error_string_n(code, buffer, sizeof(buffer));
+        if (!text.empty()) {
+            text += "; ";
+        }
+        text += buffer;
+    }
+    return text;
+}
+
+std::string withOpensslErrors(const std::string& what)
+{
+    const std::string errors = opensslErrors();
+    return errors.empty() ? what : what + ": " + errors;
+}
+
+std::string errnoText(int err)
+{
+    return std::strerror(err);
+}
+
+bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error)
+{
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        error = "cannot open " + path + ": " + errnoText(errno);
+        return false;
+    }
+    bytes.clear();
+    unsigned char chunk[65536];
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), chunk, sizeof(chunk));
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = "cannot read " + path + ": " + errnoText(errno);
+            return false;
+        }
+        if (n == 0) {
+            return true;
+        }
+        bytes.insert(bytes.end(), chunk, chunk + n);
+    }
+}
+
+std::string printable(const std::string& bytes)
+{
+    std::string out;
+    for (unsigned char c : bytes) {
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c >= 0x20 && c < 0x7F) {
+            out += static_cast<char>(c);
+        } else {
+            char hex[5];
+            std::snprintf(hex, sizeof(hex), "\\x%02x", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
+std::string printable(char c)
+{
+    return printable(std::string(1, c));
+}
+
+}  // namespace kzol
