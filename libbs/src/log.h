@@ -36,10 +36,16 @@ constexpr const char* baseName(const char* path)
         return kzolBase;                                                \
     }())
 
-#define KZOL_DLOG(prio, colour, fmt, ...)                                        \
-    __dlog_print(LOG_ID_MAIN, (prio), KZOL_LOG_TAG,                              \
-                 "%s: %s(%d) > " colour fmt "\033[0m", KZOL_FILE_NAME, __func__, \
-                 __LINE__, ##__VA_ARGS__)
+// `function` is the name shown in the prefix: __func__, or the operation on
+// whose behalf a helper logs.
+#define KZOL_DLOG_IN(function, prio, colour, fmt, ...)                                 \
+    __dlog_print(LOG_ID_MAIN, (prio), KZOL_LOG_TAG, "%s: %s(%d) > " colour fmt "\033[0m", \
+                 KZOL_FILE_NAME, (function), __LINE__, ##__VA_ARGS__)
+
+#define KZOL_DLOG(prio, colour, fmt, ...) KZOL_DLOG_IN(__func__, prio, colour, fmt, ##__VA_ARGS__)
+
+#define KZOL_LOGE_IN(function, fmt, ...) KZOL_DLOG_IN(function, DLOG_ERROR, "\033[31m", fmt, ##__VA_ARGS__)
+#define KZOL_LOGI_IN(function, fmt, ...) KZOL_DLOG_IN(function, DLOG_INFO, "\033[36m", fmt, ##__VA_ARGS__)
 
 #define KZOL_LOGE(fmt, ...) KZOL_DLOG(DLOG_ERROR, "\033[31m", fmt, ##__VA_ARGS__)
 #define KZOL_LOGW(fmt, ...) KZOL_DLOG(DLOG_WARN, "\033[33m", fmt, ##__VA_ARGS__)

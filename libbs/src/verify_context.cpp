@@ -55,6 +55,7 @@ bool VerifyContext::loadKey(const std::string& key)
         EVP_PKEY_type(EVP_PKEY_id(m_pKey)) != EVP_PKEY_RSA) {
         KZOL_LOGE("VerifyContext::loadKey(): failed to load public key");
         EVP_PKEY_free(m_pKey);
+        m_pKey = nullptr;
         return false;
     }
     return true;

@@ -37,6 +37,12 @@ void syncDirectory(const std::string& directory)
     }
 }
 
+// link() errors that say the file system has no hard links.
+bool noHardLinks(int err)
+{
+    return err == EPERM || err == EOPNOTSUPP || err == ENOSYS || err == EMLINK;
+}
+
 }  // namespace
 
 AtomicFileWriter::~AtomicFileWriter()
@@ -66,7 +72,7 @@ bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::s
         error = "cannot create a temporary file in " + directoryOf(destination) + ": " + errnoText(errno);
         return false;
     }
-    m_fd = UniqueFd(fd);
+    m_fd.reset(fd);
     m_temporary = pattern;
     if (::fchmod(fd, mode) != 0) {
         error = "cannot set the permissions of " + m_temporary + ": " + errnoText(errno);
@@ -122,14 +128,28 @@ bool AtomicFileWriter::commit(bool replace, std::string& error)
         }
     } else {
         // link() refuses an existing name, so a file that appeared since the
-        // caller looked is never overwritten.
-        if (::link(m_temporary.c_str(), m_destination.c_str()) != 0) {
+        // caller looked is never overwritten. File systems without hard links
+        // (FAT on removable storage) get a check and a rename instead.
+        if (::link(m_temporary.c_str(), m_destination.c_str()) == 0) {
+            ::unlink(m_temporary.c_str());
+        } else if (errno == EEXIST || !noHardLinks(errno)) {
             error = errno == EEXIST ? m_destination + " already exists"
                                     : "cannot create " + m_destination + ": " + errnoText(errno);
             discard();
             return false;
+        } else {
+            struct stat st {};
+            if (::lstat(m_destination.c_str(), &st) == 0) {
+                error = m_destination + " already exists";
+                discard();
+                return false;
+            }
+            if (::rename(m_temporary.c_str(), m_destination.c_str()) != 0) {
+                error = "cannot create " + m_destination + ": " + errnoText(errno);
+                discard();
+                return false;
+            }
         }
-        ::unlink(m_temporary.c_str());
     }
     m_temporary.clear();
     m_committed = true;

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -64,7 +65,7 @@ std::string errnoText(int err)
     return std::strerror(err);
 }
 
-bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error)
+bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error, std::size_t limit)
 {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) {
@@ -85,8 +86,18 @@ bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& erro
         if (n == 0) {
             return true;
         }
+        if (static_cast<std::size_t>(n) > limit - bytes.size()) {
+            error = path + " is too large";
+            return false;
+        }
         bytes.insert(bytes.end(), chunk, chunk + n);
     }
+}
+
+std::string resolvedPath(const std::string& path)
+{
+    std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr), &std::free);
+    return resolved ? std::string(resolved.get()) : path;
 }
 
 std::string printable(const std::string& bytes)

@@ -35,6 +35,12 @@ public:
     explicit operator bool() const { return m_fd >= 0; }
     // Closes now and answers whether close succeeded.
     bool close();
+    // Closes the current descriptor and takes `fd`.
+    void reset(int fd)
+    {
+        close();
+        m_fd = fd;
+    }
 
 private:
     int m_fd = -1;
@@ -65,8 +71,13 @@ std::string withOpensslErrors(const std::string& what);
 // The text of errno value `err`.
 std::string errnoText(int err);
 
-// Reads the whole file into `bytes`.
-bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error);
+// Reads the whole file into `bytes`; a file longer than `limit` bytes is refused.
+bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error,
+                   std::size_t limit = static_cast<std::size_t>(-1));
+
+// The canonical absolute form of an existing path (symbolic links resolved);
+// the path itself when it cannot be resolved.
+std::string resolvedPath(const std::string& path);
 
 // Raw bytes for a terminal: printable ASCII as is, backslash doubled, every
 // other byte as \xNN.

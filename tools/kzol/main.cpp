@@ -1,9 +1,31 @@
+// kzol: keys, signing, inspection and checks for libkZOLUser.
 #include <CLI/CLI.hpp>
+
+#include <iostream>
+
+#include "commands.h"
+#include "common.h"
 
 int main(int argc, char** argv)
 {
-    CLI::App app{"kzol: keys, signing, inspection and checks for libkZOLUser"};
+    CLI::App app{"kzol: keys, signing, inspection and checks for libkZOLUser", "kzol"};
     app.require_subcommand(1);
-    CLI11_PARSE(app, argc, argv);
-    return 0;
+    app.footer("Exit status: 0 success; 1 negative result; 2 usage or I/O error.\n");
+
+    int status = kzol::c_exitSuccess;
+    kzol::addKeygenCommand(app, status);
+    kzol::addSignCommand(app, status);
+    kzol::addInspectCommand(app, status);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            return app.exit(e);  // --help
+        }
+        kzol::fail(e.what());
+        std::cerr << "Run 'kzol --help' or 'kzol <command> --help' for usage." << std::endl;
+        return kzol::c_exitError;
+    }
+    return status;
 }

@@ -1,0 +1,58 @@
+// BSContext: the verification driver (signature block, key selection, hashing
+// of the signed region), the report composition and sending, and the policy's
+// area test and device-bound verification. It holds no data: one is built on
+// the stack for each call.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "signature.h"
+#include "string_utils.h"
+
+class VerifyContext;
+
+// Outcome of a verification. The numbers are fixed (gaps at 1 and 3): reports
+// carry them by name and the policy lets a file run on 5 alone.
+enum Result : std::int32_t {
+    BS_ERROR = 0,
+    BS_INVALID_FILE_TYPE = 2,  // named in reports, never returned
+    BS_NOT_SIGNED = 4,
+    BS_SIGNATURE_CORRECT = 5,
+    BS_SIGNATURE_INCORRECT = 6,
+};
+
+class BSContext {
+public:
+    // Loads the block of `path`, selects the built-in key it names and checks
+    // the signature over the signed region: 0, 4, 5 or 6.
+    Result verifyFile(const std::string& path, const char* caller);
+    // The check itself, with a loaded block and the key text: 0, 5 or 6.
+    Result verifyFile(const std::string& path, const Signature& signature, const std::string& key,
+                      const char* caller);
+
+    // False when the check could not be carried out (flag untouched); true
+    // when it was, with `isVerified` telling whether the signature matched.
+    bool verify(const std::string& path, const Signature& signature, const std::string& key, bool& isVerified);
+    bool verify(FILE* pFile, const Signature& signature, const std::string& key, bool& isVerified);
+
+    // Feeds exactly the first `length` bytes of the file to the started digest,
+    // in chunks of 16384 bytes through one buffer.
+    bool verifyFileContent(FILE* pFile, VerifyContext& context, unsigned int length);
+
+    // Type 'P' with selector '5' or '6' selects a built-in public key.
+    bool SelectPubKey(char sigType, char keyId, std::string& key);
+
+    // Size of the open file in bytes (the file is left at its end); 0 for null.
+    long getFileSize(FILE* pFile);
+
+    // Reports: the refusal description "ver:\"1\",subject:\"..\",object:\"..\",result:\"..\","
+    std::string ComposeDescription(const char* subject, const char* object, Result result) const;
+    // Refusal of a file: one message, one connection to the daemon. True when
+    // the connection was opened and closed cleanly.
+    bool SendRequestNotification(const std::string& path, const char* caller, Result result) const;
+    // A component's own report of the given kind (the "Action/FileSend" value).
+    bool SendRequestNotification(const char* caller, const char* fileType, const char* path,
+                                 const char* description, int kind) const;
+};

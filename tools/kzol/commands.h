@@ -1,0 +1,16 @@
+// The kzol subcommands. Each add*Command registers one subcommand on the
+// application; when that subcommand is chosen, its callback runs the command
+// and stores the command's exit status in `status`.
+#pragma once
+
+namespace CLI {
+class App;
+}
+
+namespace kzol {
+
+void addKeygenCommand(CLI::App& app, int& status);   // keys.cpp
+void addSignCommand(CLI::App& app, int& status);     // sign.cpp
+void addInspectCommand(CLI::App& app, int& status);  // inspect.cpp
+
+}  // namespace kzol

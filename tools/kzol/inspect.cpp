@@ -1,0 +1,308 @@
+// kzol inspect: the signature block of a file as the library's reader sees it.
+//
+// The verdict is the library's own: Signature::loadFromFile. The details and,
+// for a file without a block, the reason come from walking the same steps with
+// the reader's step methods. The walk reads what the reader reads but leaves
+// out the calls that would log the reader's complaints a second time.
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <sstream>
+
+#include "commands.h"
+#include "common.h"
+#include "json_out.h"
+#include "signature.h"
+#include "writer.h"
+
+namespace kzol {
+
+namespace {
+
+constexpr unsigned int c_blankWindow = 8;
+constexpr unsigned int c_footprintSize = 4;
+constexpr unsigned int c_lengthFieldSize = 8;
+constexpr std::size_t c_rsa2048SignatureSize = 256;
+
+struct InspectOptions {
+    std::string file;
+    bool json = false;
+};
+
+struct BsFileClose {
+    void operator()(FILE* f) const { bs_fclose(f); }
+};
+using BsFilePtr = std::unique_ptr<FILE, BsFileClose>;
+
+struct Findings {
+    std::uint64_t fileSize = 0;
+    std::optional<unsigned int> blockEnd;
+    std::optional<bool> footprint;
+    std::optional<std::string> lengthField;
+    std::optional<unsigned int> textLength;
+    std::optional<unsigned int> offset;
+    std::optional<char> type;
+    std::optional<char> keyId;
+    std::optional<std::size_t> signatureLength;
+    bool loaded = false;
+    std::string reason;  // why there is no block
+    std::vector<std::string> notes;
+};
+
+std::string quotedBytes(const std::string& bytes)
+{
+    return "\"" + printable(bytes) + "\"";
+}
+
+std::string quotedChar(char c)
+{
+    char hex[8];
+    std::snprintf(hex, sizeof(hex), " (0x%02x)", static_cast<unsigned char>(c));
+    return "'" + printable(c) + "'" + hex;
+}
+
+// The reader's steps, one by one. Answers whether they all pass; otherwise
+// `f.reason` says where the walk stopped.
+bool walkBlock(FILE* file, Findings& f)
+{
+    const Signature reader;
+    if (f.fileSize > std::numeric_limits<std::uint32_t>::max()) {
+        f.reason = "file larger than 4 GiB: block positions are 32-bit";
+        return false;
+    }
+    if (f.fileSize < c_blankWindow) {
+        // getFileSize cannot read the last eight bytes and strips nothing; a
+        // block needs more than 16 bytes anyway.
+        f.blockEnd = static_cast<unsigned int>(f.fileSize);
+        f.reason = "file shorter than 8 bytes (" + std::to_string(f.fileSize) + " bytes): too short to hold a signature block";
+        return false;
+    }
+    const unsigned int end = reader.getFileSize(file);
+    f.blockEnd = end;
+
+    f.footprint = reader.checkSignatureFootprint(file, end - c_footprintSize);
+    if (!*f.footprint) {
+        f.reason = end < c_footprintSize
+                       ? "block end " + std::to_string(end) + " leaves no room for the \":ZOL\" footprint"
+                       : "no \":ZOL\" footprint at E-4 (position " + std::to_string(end - c_footprintSize) + ")";
+        return false;
+    }
+    if (end < c_blockTailSize) {
+        f.reason = "no room for the 8-byte length field before the footprint (block end " + std::to_string(end) + ")";
+        return false;
+    }
+    const unsigned int lengthPosition = end - static_cast<unsigned int>(c_blockTailSize);
+    char field[c_lengthFieldSize];
+    if (!reader.readFromFile(file, lengthPosition, field, sizeof(field))) {
+        f.reason = "length field unreadable at position " + std::to_string(lengthPosition);
+        return false;
+    }
+    f.lengthField = std::string(field, sizeof(field));
+    char decoded[6];
+    unsigned int decodedLength = 0;
+    if (!base64_decode(field, sizeof(field), decoded, &decodedLength) || decodedLength != 4) {
+        f.reason = "length field " + quotedBytes(*f.lengthField) + " is not the base64 form of 4 bytes";
+        return false;
+    }
+    const auto* be = reinterpret_cast<const unsigned char*>(decoded);
+    const unsigned int textLength = (static_cast<unsigned int>(be[0]) << 24) |
+                                    (static_cast<unsigned int>(be[1]) << 16) |
+                                    (static_cast<unsigned int>(be[2]) << 8) | be[3];
+    f.textLength = textLength;
+    if (lengthPosition <= textLength) {
+        f.reason = "text length " + std::to_string(textLength) + " too large: only " +
+                   std::to_string(lengthPosition) + " bytes precede the length field";
+        return false;
+    }
+    const unsigned int offset = lengthPosition - textLength;
+    f.offset = offset;
+    if (textLength == 0) {
+        f.reason = "text length 0: the block has no signature text";
+        return false;
+    }
+    ByteBuffer text(textLength);
+    if (!reader.readFromFile(file, offset, text.data(), textLength)) {
+        f.reason = "signature text unreadable at position " + std::to_string(offset);
+        return false;
+    }
+    if (offset <= c_metaFieldSize) {
+        f.reason = "no room for content: the signed region of " + std::to_string(offset) +
+                   " bytes is no longer than the 3-byte metadata field";
+        return false;
+    }
+    unsigned char meta[c_metaFieldSize];
+    if (!reader.readFromFile(file, offset - static_cast<unsigned int>(c_metaFieldSize), meta, sizeof(meta))) {
+        f.reason = "metadata field unreadable";
+        return false;
+    }
+    f.type = static_cast<char>(meta[0]);
+    f.keyId = static_cast<char>(meta[1]);
+    if (!isSignatureType(*f.type)) {
+        f.reason = "bad type character " + quotedChar(*f.type) + ": the reader accepts only 'L' and 'P'";
+        return false;
+    }
+    // The type is valid, so the reader's own metadata step runs silently.
+    _ZolSigMeta record{};
+    if (!reader.getSignatureInfo(file, offset, record)) {
+        f.reason = "metadata field refused by the reader";
+        return false;
+    }
+    return true;
+}
+
+// Details of a block the library loaded.
+void describeLoaded(const Signature& block, const _ZolSigMeta& meta, bool walked, Findings& f)
+{
+    if (!walked || f.offset != block.offset()) {
+        f.notes.push_back("the step-by-step reading disagrees with the library's reader; the library's values are shown");
+    }
+    f.offset = block.offset();
+    f.textLength = static_cast<unsigned int>(block.size() - 1);
+    f.type = meta.sigType;
+    f.keyId = meta.keyId;
+    ByteBuffer raw;
+    if (fromMPIString(block, raw)) {
+        f.signatureLength = raw.size();
+        if (raw.size() != c_rsa2048SignatureSize) {
+            f.notes.push_back("signature of " + std::to_string(raw.size()) + " bytes; an RSA-2048 signature has 256");
+        }
+    } else {
+        f.notes.push_back("signature text is not a valid MPI string (\"0x\" and hexadecimal digit pairs): "
+                          "verification will fail");
+    }
+    if (meta.sigType == 'L') {
+        f.notes.push_back("type 'L' has no public keys: key selection fails");
+    }
+    if (!isKeySelector(meta.keyId)) {
+        f.notes.push_back("key selector " + quotedChar(meta.keyId) + " names no built-in public key (5 or 6)");
+    }
+}
+
+std::string charText(char c)
+{
+    return std::string(1, c);
+}
+
+void printJson(const std::string& path, const Findings& f)
+{
+    JsonObject o;
+    o.add("file", path).addBool("loaded", f.loaded).addNumber("file_size", f.fileSize);
+    if (f.blockEnd) {
+        o.addNumber("trailing_blanks", f.fileSize - *f.blockEnd).addNumber("block_end", *f.blockEnd);
+    } else {
+        o.addNull("trailing_blanks").addNull("block_end");
+    }
+    f.footprint ? o.addBool("footprint", *f.footprint) : o.addNull("footprint");
+    f.lengthField ? o.add("length_field", *f.lengthField) : o.addNull("length_field");
+    f.textLength ? o.addNumber("text_length", *f.textLength) : o.addNull("text_length");
+    f.offset ? o.addNumber("offset", *f.offset) : o.addNull("offset");
+    f.type ? o.add("type", charText(*f.type)) : o.addNull("type");
+    f.keyId ? o.add("key_id", charText(*f.keyId)) : o.addNull("key_id");
+    f.signatureLength ? o.addNumber("signature_length", *f.signatureLength) : o.addNull("signature_length");
+    f.loaded ? o.addNull("reason") : o.add("reason", f.reason);
+    o.add("notes", f.notes);
+    std::cout << o.text() << "\n";
+}
+
+void printText(const std::string& path, const Findings& f)
+{
+    std::ostringstream out;
+    const auto line = [&out](const char* label, const std::string& value) {
+        out << label << std::string(20 - std::string(label).size(), ' ') << value << "\n";
+    };
+    line("file:", printable(path));
+    line("file size (N):", std::to_string(f.fileSize));
+    if (f.blockEnd) {
+        line("trailing blanks:", std::to_string(f.fileSize - *f.blockEnd));
+        line("block end (E):", std::to_string(*f.blockEnd));
+    }
+    if (f.footprint) {
+        line("footprint:", *f.footprint ? "\":ZOL\" at " + std::to_string(*f.blockEnd - c_footprintSize) : "missing");
+    }
+    if (f.lengthField) {
+        line("length field:", quotedBytes(*f.lengthField));
+    }
+    if (f.textLength) {
+        line("text length (L):", std::to_string(*f.textLength));
+    }
+    if (f.offset) {
+        line("offset:", std::to_string(*f.offset) + " (signed region: content and 3-byte metadata field)");
+    }
+    if (f.type) {
+        line("type:", quotedChar(*f.type));
+    }
+    if (f.keyId) {
+        line("key selector:", quotedChar(*f.keyId));
+    }
+    if (f.signatureLength) {
+        line("signature:", std::to_string(*f.signatureLength) + " bytes");
+    }
+    line("result:", f.loaded ? "signature block loaded" : "no signature block: " + f.reason);
+    for (const auto& note : f.notes) {
+        line("note:", note);
+    }
+    std::cout << out.str();
+}
+
+int runInspect(const InspectOptions& options)
+{
+    const std::string& path = options.file;
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        return fail("cannot open " + path + ": " + errnoText(errno));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return fail(path + " is not a regular file");
+    }
+
+    Signature block;
+    _ZolSigMeta meta{};
+    const bool loaded = block.loadFromFile(path, meta);
+
+    BsFilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (!file) {
+        return fail("cannot open " + path + ": " + errnoText(errno));
+    }
+    Findings f;
+    f.fileSize = static_cast<std::uint64_t>(st.st_size);
+    const bool walked = walkBlock(file.get(), f);
+    f.loaded = loaded;
+    if (loaded) {
+        describeLoaded(block, meta, walked, f);
+    } else if (walked) {
+        f.reason = "the library's reader does not load the block";
+    }
+
+    if (options.json) {
+        printJson(path, f);
+    } else {
+        printText(path, f);
+    }
+    return loaded ? c_exitSuccess : c_exitNegative;
+}
+
+}  // namespace
+
+void addInspectCommand(CLI::App& app, int& status)
+{
+    auto options = std::make_shared<InspectOptions>();
+    CLI::App* cmd = app.add_subcommand("inspect", "Show the signature block of a file as the library reads it");
+    cmd->add_option("FILE", options->file, "File to inspect")->required();
+    cmd->add_flag("--json", options->json, "Print one JSON object instead of text");
+    cmd->footer(
+        "Shows the file size N, the trailing blanks N-E, the block end E, the length field, the text\n"
+        "length L, the offset (length of the signed region), the type and key selector and the\n"
+        "signature's length; for a file without a block, the reason.\n"
+        "Exit status: 0 a block loads; 1 no block; 2 usage or I/O error.\n");
+    cmd->callback([options, &status]() { status = runInspect(*options); });
+}
+
+}  // namespace kzol

@@ -1,0 +1,59 @@
+// The signing side of the signature block: private keys, raw signatures and
+// the bytes of signed files. Used by `kzol sign` for scripts and by the
+// commands that sign other data into the same block (a disable certificate
+// signs a device identifier).
+//
+// A signed file is
+//   content | type, key selector, c_zolMetaReserved | MPI text | length field | ":ZOL"
+// and its signature is RSA PKCS#1 v1.5 over SHA-256 of the signed data; for a
+// script the signed data is the content and the metadata field.
+#pragma once
+
+#include <string>
+
+#include "common.h"
+#include "string_utils.h"
+
+namespace kzol {
+
+constexpr int c_signingKeyBits = 2048;
+constexpr std::size_t c_metaFieldSize = 3;
+// Bytes of a block after the metadata field, besides the text: the length
+// field and the footprint.
+constexpr std::size_t c_blockTailSize = 12;
+
+// Type characters a writer may put in a block, and the key selectors.
+bool isSignatureType(char type);  // 'P' or 'L'
+bool isKeySelector(char keyId);   // '5' or '6'
+
+// Reads a PEM private key (PKCS#8 or the traditional RSA form) and accepts
+// only an RSA key with a 2048-bit modulus. Encrypted keys are refused rather
+// than prompted for.
+bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error);
+
+// The 3-byte metadata field: type, key selector, c_zolMetaReserved.
+ByteBuffer metadataField(char type, char keyId);
+
+// RSA PKCS#1 v1.5 signature over the SHA-256 digest of `data`.
+bool signData(EVP_PKEY* key, const ByteBuffer& data, ByteBuffer& rawSignature, std::string& error);
+// True when `rawSignature` is that signature of `data` for `key` (a private
+// key verifies with its public half). `error` says why not.
+bool verifyData(EVP_PKEY* key, const ByteBuffer& data, const ByteBuffer& rawSignature, std::string& error);
+
+// Appends the rest of a block to `file`, which already ends with the metadata
+// field: the MPI text of `rawSignature`, the length field and the footprint.
+// Fails when the result would not fit the block's 32-bit positions.
+bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::string& error);
+
+// The signed-file bytes for `content` (at least one byte): the content, the
+// metadata field, and a block whose signature covers `signedData`. The
+// signature is checked against the key before the bytes are answered.
+bool composeSignedFileOver(EVP_PKEY* key, const ByteBuffer& content, const ByteBuffer& signedData, char type,
+                           char keyId, ByteBuffer& signedFile, std::string& error);
+
+// The signed-file bytes of a script: the signature covers the content and the
+// metadata field, the signed region that the library verifies.
+bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char keyId, ByteBuffer& signedFile,
+                       std::string& error);
+
+}  // namespace kzol
