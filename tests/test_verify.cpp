@@ -48,37 +48,12 @@ std::vector<size_t> takeUpdates()
     return updates;
 }
 
-std::string lengthField(std::size_t length)
-{
-    const unsigned char be[4] = {static_cast<unsigned char>(length >> 24), static_cast<unsigned char>(length >> 16),
-                                 static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length)};
-    char out[8];
-    base64_encode(reinterpret_cast<const char*>(be), 4, out, 8);
-    return std::string(out, 8);
-}
+using kzol_test::blockAfter;
+using kzol_test::mpiText;
 
-// Signs `region` with the openssl command: the raw RSA PKCS#1 v1.5 signature
-// over its SHA-256 digest.
-std::string opensslSign(const TempDir& dir, const std::string& region, const std::string& privateKey)
-{
-    kzol_test::writeFile(dir.file("region"), region);
-    const int rc = kzol_test::run("openssl dgst -sha256 -sign '" + privateKey + "' -out '" + dir.file("sig") + "' '" +
-                                  dir.file("region") + "'");
-    EXPECT_EQ(rc, 0);
-    return kzol_test::readFile(dir.file("sig"));
-}
-
-std::string mpiText(const std::string& raw)
-{
-    ByteBuffer mpi;
-    EXPECT_TRUE(toMPIString(ByteBuffer(raw.begin(), raw.end()), mpi));
-    return std::string(mpi.begin(), mpi.end() - 1);
-}
-
-// content + metadata + text + length field + footprint
 std::string withBlock(const std::string& region, const std::string& text)
 {
-    return region + text + lengthField(text.size()) + ":ZOL";
+    return blockAfter(region, text);
 }
 
 struct Fixture {
@@ -96,8 +71,7 @@ struct Fixture {
     // A file of `content` signed as type/selector `meta` with `privateKey`.
     std::string sign(const std::string& content, const std::string& meta, const std::string& privateKey)
     {
-        const std::string region = content + meta + "0";
-        return withBlock(region, mpiText(opensslSign(dir, region, privateKey)));
+        return kzol_test::signedFile(content, meta + "0", privateKey);
     }
 };
 
@@ -141,7 +115,7 @@ TEST(VerifyFile, SignedFilesAndTamperedOnes)
     const std::string invalidMpi = errorLine("verify_context.cpp", "checkMPI", "VerifyContext::checkMPI(): invalid MPI format");
     const std::string badDigit = errorLine("string_utils.cpp", "fromMPIString", "fromMPIString(): invalid value found");
     const std::string region5 = content + "P50";
-    const std::string raw5 = opensslSign(f.dir, region5, kzol_test::devPrivateKey('5'));
+    const std::string raw5 = kzol_test::opensslSign(region5, kzol_test::devPrivateKey('5'));
     struct Case {
         const char* name;
         std::string file;

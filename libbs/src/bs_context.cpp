@@ -5,9 +5,11 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string_view>
 
 #include "UnixSocket.h"
 #include "log.h"
@@ -32,6 +34,11 @@ const char c_taskTagPath[] = "Report/Path";
 const char c_daemonNameUserMsg[] = "SfDaemon/UserMsg";
 
 const char c_fileTypeScript[] = "SCRIPT";
+
+// User-writable areas, then the directories below them that are not; both are
+// matched as plain prefixes, the second against the rest after the area.
+constexpr std::string_view c_userAreas[] = {"/opt", "/tmp"};
+constexpr std::string_view c_excludedDirectories[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
 
 // Longest value of each text member, in bytes.
 constexpr std::size_t c_callerLimit = 16;
@@ -212,6 +219,78 @@ long BSContext::getFileSize(FILE* pFile)
     }
     fseeko(pFile, 0, SEEK_END);
     return static_cast<long>(ftello(pFile));
+}
+
+int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const
+{
+    if (path == nullptr || resolved == nullptr || realpath(path, resolved) == nullptr) {
+        const int error = path == nullptr || resolved == nullptr ? EINVAL : errno;
+        char buffer[128];
+        KZOL_LOGE("realpath() error : %s;", strerror_r(error, buffer, sizeof(buffer)));
+        return -1;
+    }
+    for (const std::string_view area : c_userAreas) {
+        if (std::strncmp(resolved, area.data(), area.size()) != 0) {
+            continue;
+        }
+        const char* rest = resolved + area.size();
+        for (const std::string_view excluded : c_excludedDirectories) {
+            if (std::strncmp(rest, excluded.data(), excluded.size()) == 0) {
+                return -1;
+            }
+        }
+        return 0;
+    }
+    return -1;
+}
+
+bool BSContext::readDeviceId(ByteBuffer& out, const std::string& deviceId) const
+{
+    out.assign(deviceId.begin(), deviceId.end());
+    return true;
+}
+
+bool BSContext::verifyWithDeviceId(const std::string& fileName, const Signature& signature,
+                                   const std::string& publicKey, const std::string& deviceId, bool& isCorrect) const
+{
+    ByteBuffer data;
+    readDeviceId(data, deviceId);
+    FILE* pFile = bs_fopen(fileName.c_str(), "rb");
+    if (pFile == nullptr) {
+        KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verifyWithDeviceId", fileName.c_str());
+        return false;
+    }
+    // The certificate only has to be readable: none of its bytes are signed.
+    VerifyContext context;
+    const bool done = context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
+                      context.checkMPI(signature, isCorrect);
+    bs_fclose(pFile);
+    return done;
+}
+
+Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId,
+                                         const char* caller)
+{
+    Signature signature;
+    _ZolSigMeta meta{};
+    if (!signature.loadFromFile(fileName, meta)) {
+        return BS_NOT_SIGNED;
+    }
+    std::string key;
+    if (!SelectPubKey(meta.sigType, meta.keyId, key)) {
+        return BS_ERROR;
+    }
+    bool isCorrect = false;
+    if (!verifyWithDeviceId(fileName, signature, key, deviceId, isCorrect)) {
+        log("BSContext::%s(): error during signature check", "verifyFileWithDeviceId");
+        return BS_ERROR;
+    }
+    if (isCorrect) {
+        KZOL_LOGI("[zol][%s] : \033[1;32mDUID Correct Signed [ file_path : %s ]\033[0m", caller, fileName.c_str());
+        return BS_SIGNATURE_CORRECT;
+    }
+    KZOL_LOGE("[zol][%s]! : \033[1;31mDUID Incorrect Signed [ file_path : %s ]\033[0m", caller, fileName.c_str());
+    return BS_SIGNATURE_INCORRECT;
 }
 
 std::string BSContext::ComposeDescription(const char* subject, const char* object, Result result) const

@@ -47,6 +47,19 @@ public:
     // Size of the open file in bytes (the file is left at its end); 0 for null.
     long getFileSize(FILE* pFile);
 
+    // Resolves `path` into `resolved` (room for PATH_MAX bytes) and answers 0
+    // when the real path lies in a user-writable area ("/opt", "/tmp", as plain
+    // prefixes) and not in an excluded directory below it; -1 otherwise,
+    // also when the path cannot be resolved.
+    int checkFileIsInRWUser(const char* path, char* resolved) const;
+
+    // Disable certificate: the signature in the certificate's block is over
+    // the bytes of the device identifier, not over the file.
+    bool readDeviceId(ByteBuffer& out, const std::string& deviceId) const;
+    bool verifyWithDeviceId(const std::string& fileName, const Signature& signature, const std::string& publicKey,
+                            const std::string& deviceId, bool& isCorrect) const;
+    Result verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId, const char* caller);
+
     // Reports: the refusal description "ver:\"1\",subject:\"..\",object:\"..\",result:\"..\","
     std::string ComposeDescription(const char* subject, const char* object, Result result) const;
     // Refusal of a file: one message, one connection to the daemon. True when

@@ -46,6 +46,7 @@ constexpr const char* baseName(const char* path)
 
 #define KZOL_LOGE_IN(function, fmt, ...) KZOL_DLOG_IN(function, DLOG_ERROR, "\033[31m", fmt, ##__VA_ARGS__)
 #define KZOL_LOGI_IN(function, fmt, ...) KZOL_DLOG_IN(function, DLOG_INFO, "\033[36m", fmt, ##__VA_ARGS__)
+#define KZOL_LOGW_IN(function, fmt, ...) KZOL_DLOG_IN(function, DLOG_WARN, "\033[33m", fmt, ##__VA_ARGS__)
 
 #define KZOL_LOGE(fmt, ...) KZOL_DLOG(DLOG_ERROR, "\033[31m", fmt, ##__VA_ARGS__)
 #define KZOL_LOGW(fmt, ...) KZOL_DLOG(DLOG_WARN, "\033[33m", fmt, ##__VA_ARGS__)

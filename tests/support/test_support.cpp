@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -182,6 +183,62 @@ int run(const std::string& command, std::string* output)
         *output = text;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string opensslSign(const std::string& data, const std::string& privateKey)
+{
+    TempDir dir;
+    writeFile(dir.file("data"), data);
+    const int rc = run("openssl dgst -sha256 -sign '" + privateKey + "' -out '" + dir.file("sig") + "' '" +
+                       dir.file("data") + "'");
+    if (rc != 0) {
+        throw std::runtime_error("openssl could not sign with " + privateKey);
+    }
+    return readFile(dir.file("sig"));
+}
+
+std::string mpiText(const std::string& raw)
+{
+    static const char digits[] = "0123456789abcdef";
+    std::string text = "0x";
+    for (unsigned char byte : raw) {
+        text += digits[byte >> 4];
+        text += digits[byte & 0x0F];
+    }
+    return text;
+}
+
+std::string lengthField(std::size_t textLength)
+{
+    static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const std::uint32_t n = static_cast<std::uint32_t>(textLength);
+    // Four bytes: one whole group of three, then one byte and "==".
+    const std::uint32_t group = n >> 8;
+    std::string field;
+    field += alphabet[(group >> 18) & 63];
+    field += alphabet[(group >> 12) & 63];
+    field += alphabet[(group >> 6) & 63];
+    field += alphabet[group & 63];
+    field += alphabet[(n & 0xFF) >> 2];
+    field += alphabet[(n & 0x03) << 4];
+    field += "==";
+    return field;
+}
+
+std::string blockAfter(const std::string& signedRegion, const std::string& text)
+{
+    return signedRegion + text + lengthField(text.size()) + ":ZOL";
+}
+
+std::string signedFile(const std::string& content, const std::string& meta, const std::string& privateKey)
+{
+    const std::string region = content + meta;
+    return blockAfter(region, mpiText(opensslSign(region, privateKey)));
+}
+
+std::string certificate(const std::string& deviceId, const std::string& meta, const std::string& privateKey)
+{
+    return blockAfter("kZOL disable certificate\n" + meta, mpiText(opensslSign(deviceId, privateKey)));
 }
 
 std::string sourceDir()

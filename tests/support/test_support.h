@@ -61,6 +61,19 @@ std::string readFile(const std::string& path);
 // standard output.
 int run(const std::string& command, std::string* output = nullptr);
 
+// Signed files, made independently of the library's own encoders: the MPI
+// text and length field are written here, the signature by the openssl
+// command (RSA PKCS#1 v1.5 over SHA-256).
+std::string opensslSign(const std::string& data, const std::string& privateKey);
+std::string mpiText(const std::string& raw);          // "0x" + lower-case hex, no NUL
+std::string lengthField(std::size_t textLength);      // 8 base64 characters, big-endian length
+std::string blockAfter(const std::string& signedRegion, const std::string& text);  // region + text + field + ":ZOL"
+// content + 3-byte metadata (e.g. "P50"), signed with `privateKey`.
+std::string signedFile(const std::string& content, const std::string& meta, const std::string& privateKey);
+// A disable certificate: a readable line, then a block whose signature is
+// over the bytes of `deviceId`.
+std::string certificate(const std::string& deviceId, const std::string& meta, const std::string& privateKey);
+
 // Paths of the source tree, the development keys and the built tools.
 std::string sourceDir();
 std::string devKeyDir();

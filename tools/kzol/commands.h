@@ -12,5 +12,11 @@ namespace kzol {
 void addKeygenCommand(CLI::App& app, int& status);   // keys.cpp
 void addSignCommand(CLI::App& app, int& status);     // sign.cpp
 void addInspectCommand(CLI::App& app, int& status);  // inspect.cpp
+void addVerifyCommand(CLI::App& app, int& status);   // verify.cpp
+void addListenCommand(CLI::App& app, int& status);   // listen.cpp
+void addReportCommand(CLI::App& app, int& status);   // report.cpp
+void addCertCommand(CLI::App& app, int& status);     // cert.cpp
+void addEmulateCommand(CLI::App& app, int& status);  // emulate.cpp
+void addProfileCommand(CLI::App& app, int& status);  // emulate.cpp
 
 }  // namespace kzol

@@ -16,6 +16,12 @@ int main(int argc, char** argv)
     kzol::addKeygenCommand(app, status);
     kzol::addSignCommand(app, status);
     kzol::addInspectCommand(app, status);
+    kzol::addVerifyCommand(app, status);
+    kzol::addListenCommand(app, status);
+    kzol::addReportCommand(app, status);
+    kzol::addCertCommand(app, status);
+    kzol::addEmulateCommand(app, status);
+    kzol::addProfileCommand(app, status);
 
     try {
         app.parse(argc, argv);

@@ -1,8 +1,22 @@
-// The library's exported entry points and its static initialisation.
+// The library's exported entry points: the verification policy, the probes
+// it needs from the device, the disable certificate on USB storage, and
+// SendSecurityReport; and the library's static initialisation.
+#include <unistd.h>
+#include <usb_device.h>
+#include <vconf.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
 #include <string>
 
+#include "kZOLUser.h"
 #include "bs_context.h"
 #include "log.h"
+#include "main.h"
+#include "securezone_context.h"
 #include "string_utils.h"
 
 // The library's one static initialiser builds, in this order, the base64
@@ -12,6 +26,66 @@ const std::string base64_chars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrst
 static std::string USBZOLPath;
 
 namespace {
+
+const char c_modulesPath[] = "/proc/modules";
+const char c_zonePath[] = "/proc/self/zone";
+const char c_micomModule[] = "micom";
+const char c_certificateName[] = "RTZOLOFF.cer";
+const char c_duidKey[] = "db/comss/hwduid";
+
+// Finding the certificate and reading its path back are one step: two calls
+// in that step at once would otherwise hand each other's path on.
+std::mutex g_certificateMutex;
+
+struct StorageSearch {
+    std::string path;
+    bool found;
+};
+
+// One attached device: the last device holding a certificate at its root
+// supplies the path; a device without a mount path clears `found`.
+void handleStorageCallback(usb_device_s* device, void* userData)
+{
+    auto* search = static_cast<StorageSearch*>(userData);
+    const char* mountPath = usb_device_get_mountpath(device);
+    if (mountPath == nullptr) {
+        search->found = false;
+        return;
+    }
+    std::string candidate = std::string(mountPath) + "/" + c_certificateName;
+    if (access(candidate.c_str(), F_OK) == 0) {
+        KZOL_LOGI("Find USBZOLPath : %s", candidate.c_str());
+        search->path = std::move(candidate);
+        search->found = true;
+    }
+}
+
+bool findCertificateLocked()
+{
+    StorageSearch search{std::string(), false};
+    if (usb_device_init() != 0) {
+        KZOL_LOGW_IN("FindZOLDiableFile", "No connected usb_mass_storage");
+        return false;
+    }
+    const int walk = usb_mass_storage_foreach(handleStorageCallback, &search);
+    usb_device_fini();
+    if ((search.found || walk == 0) && !search.path.empty()) {
+        USBZOLPath = search.path;
+        return true;
+    }
+    return false;
+}
+
+// The policy's certificate step: finds a certificate and copies its path out.
+bool findCertificate(std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(g_certificateMutex);
+    if (!findCertificateLocked()) {
+        return false;
+    }
+    path = USBZOLPath;
+    return true;
+}
 
 // Report kinds of SendSecurityReport: the whole value 0 is a log report; bit 0
 // asks for a file report, bit 1 for a data report.
@@ -65,6 +139,116 @@ extern "C" int SendSecurityReport(const char* caller, const char* fileType, cons
     } catch (...) {
         return 1;
     }
+}
+
+bool IsDTV()
+{
+    FILE* modules = std::fopen(c_modulesPath, "r");
+    if (modules == nullptr) {
+        KZOL_LOGI("[zol] /proc/modules is not exited");
+        return false;
+    }
+    // Pieces of at most five characters from the start of each line: a module
+    // whose name begins with "micom" is found.
+    char piece[6];
+    bool found = false;
+    while (std::fgets(piece, sizeof(piece), modules) != nullptr) {
+        if (std::strstr(piece, c_micomModule) != nullptr) {
+            found = true;
+            break;
+        }
+    }
+    std::fclose(modules);
+    return found;
+}
+
+bool isFileExists(const char* path)
+{
+    FILE* file = path != nullptr ? std::fopen(path, "r") : nullptr;
+    if (file != nullptr) {
+        std::fclose(file);
+        return true;
+    }
+    const int error = path != nullptr ? errno : EINVAL;
+    char buffer[1024];
+    std::fprintf(stderr, "\033[1;31m[zol][%s:%s][%d];\033[0m\n", path != nullptr ? path : "(null)",
+                 strerror_r(error, buffer, sizeof(buffer)), error);
+    return false;
+}
+
+bool FindZOLDiableFile()
+{
+    const std::lock_guard<std::mutex> lock(g_certificateMutex);
+    return findCertificateLocked();
+}
+
+std::string GetDUID()
+{
+    // No value under the key is an empty identifier.
+    char* value = vconf_get_str(c_duidKey);
+    std::string duid = value != nullptr ? value : "";
+    std::free(value);
+    if (duid.empty()) {
+        KZOL_LOGE("Hwduid get failed;");
+    }
+    return duid;
+}
+
+// Whether the file may run (1) or is refused (0). A failure that would escape
+// as an exception (such as exhausted memory) refuses the file: the gate fails
+// closed, and no caller can take an exception.
+extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) try {
+    BSContext context;
+    if (fileName == nullptr || access(fileName, F_OK) != 0) {
+        KZOL_LOGE("%s does not exist;", fileName != nullptr ? fileName : "(null)");
+        return 0;
+    }
+    const char* callerName = caller != nullptr ? caller : "NULL";
+
+    char resolved[4097];
+    std::memset(resolved, 0, sizeof(resolved));
+    if (context.checkFileIsInRWUser(fileName, resolved) != 0) {
+        return 1;
+    }
+    if (!IsDTV()) {
+        return 1;
+    }
+
+    std::string certificate;
+    if (findCertificate(certificate)) {
+        const std::string duid = GetDUID();
+        if (context.verifyFileWithDeviceId(certificate, duid, callerName) == BS_SIGNATURE_CORRECT) {
+            KZOL_LOGI("[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+            return 1;
+        }
+    }
+
+    SecureZoneContext zone(c_zonePath);
+    if (!zone.isRootUID() && zone.isIsolatedContainer()) {
+        return 1;
+    }
+
+    if (!isFileExists(resolved)) {
+        KZOL_LOGE("[zol][%s is not existed];", resolved);
+    }
+    const std::string realPath(resolved);
+    const Result result = context.verifyFile(realPath, callerName);
+    if (result == BS_SIGNATURE_CORRECT) {
+        return 1;
+    }
+    if (!context.SendRequestNotification(realPath, callerName, result)) {
+        KZOL_LOGE("[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m", callerName);
+    }
+    return 0;
+} catch (...) {
+    return 0;
+}
+
+// The first argument is never read.
+extern "C" int verifyFile(void* unused, const char* fileName, const char* caller)
+{
+    (void)unused;
+    return verifyFileWihtoutKey(fileName, caller);
 }
 
 extern "C" int main()

@@ -1,0 +1,88 @@
+// Shared pieces of the benchmark program: the workspace of signed files that
+// every family measures against, OpenSSL handles, and the registry through
+// which each family (one bench/*.cpp) adds its benchmarks.
+#pragma once
+
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace kzol_bench {
+
+struct EvpPkeyFree {
+    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
+};
+struct EvpPkeyCtxFree {
+    void operator()(EVP_PKEY_CTX* p) const { EVP_PKEY_CTX_free(p); }
+};
+struct EvpMdCtxFree {
+    void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
+};
+struct BioFree {
+    void operator()(BIO* p) const { BIO_free_all(p); }
+};
+using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, EvpPkeyFree>;
+using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree>;
+using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree>;
+using BioPtr = std::unique_ptr<BIO, BioFree>;
+
+// Content sizes of the signed files, in bytes: 4 KiB, 64 KiB, 1 MiB, 16 MiB.
+const std::vector<std::size_t>& contentSizes();
+
+// One signed file on disk and its bytes in memory.
+struct SignedFile {
+    std::size_t contentSize = 0;
+    std::string path;
+    std::string bytes;          // the whole file
+    std::size_t offset = 0;     // length of the signed region (content + metadata)
+    std::string mpiText;        // "0x" and the hexadecimal digits, as in the file
+    std::vector<unsigned char> rawSignature;  // the 256 bytes the text encodes
+};
+
+// The signed files, in a fresh directory under /dev/shm (else $TMPDIR, else
+// /tmp), each read back once so that it sits in the page cache. Everything is
+// removed on destruction, and by SIGINT/SIGTERM/SIGHUP while it exists.
+class Workspace {
+public:
+    Workspace() = default;
+    ~Workspace();
+    Workspace(const Workspace&) = delete;
+    Workspace& operator=(const Workspace&) = delete;
+
+    // Signs one file per content size with development private key 5 (type
+    // 'P', selector '5'). False, with `error` set, when anything fails.
+    bool create(std::string& error);
+
+    const std::string& directory() const { return m_directory; }
+    const SignedFile* file(std::size_t contentSize) const;
+    // The key text the library verifies these files with (public key 5).
+    const std::string& publicKeyPem() const { return m_publicKeyPem; }
+    // Private key 5, for families that sign other data.
+    EVP_PKEY* privateKey() const { return m_privateKey.get(); }
+
+private:
+    std::string m_directory;
+    std::vector<SignedFile> m_files;
+    std::string m_publicKeyPem;
+    EvpPkeyPtr m_privateKey;
+};
+
+// A family registers its benchmarks from the workspace; main calls every
+// registered family once the workspace exists. A new family is a new .cpp in
+// bench/ holding `static const kzol_bench::Family f("name", registerFn);`.
+using RegisterFn = std::function<void(const Workspace&)>;
+class Family {
+public:
+    Family(const char* name, RegisterFn registerFn);
+};
+void registerAllFamilies(const Workspace& workspace);
+
+// Raw bytes of an MPI text ("0x" + hex digits). False for a malformed text.
+bool decodeMpiText(const char* text, std::size_t length, std::vector<unsigned char>& raw);
+
+}  // namespace kzol_bench

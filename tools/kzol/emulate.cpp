@@ -1,0 +1,326 @@
+// kzol emulate and kzol profile init: run a command as if on a television
+// described by a device profile, and make such a profile.
+//
+// The emulation is a library preloaded into the command (libkzol_emulate):
+// it answers /proc/modules, /proc/self/zone, the user IDs, the configuration
+// store and the USB service from the profile directory named by KZOL_PROFILE.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "atomic_file.h"
+#include "commands.h"
+#include "common.h"
+
+#ifndef KZOL_EMULATE_LIB_PATH
+#error "KZOL_EMULATE_LIB_PATH: the path of the built emulation library"
+#endif
+
+namespace kzol {
+
+namespace {
+
+// ---- the profile layout --------------------------------------------------
+
+const char* const c_profileLayout =
+    "Profile layout (every file optional, read afresh at each access):\n"
+    "  modules                what fopen(\"/proc/modules\") reads; a line starting \"micom \"\n"
+    "                         makes the device a television\n"
+    "  zone                   what fopen(\"/proc/self/zone\") reads: \"LEVEL TYPE\" (type 1 =\n"
+    "                         isolated container)\n"
+    "  uid                    getuid()/geteuid(): \"RUID EUID\" or one ID for both; without it,\n"
+    "                         the process's own IDs\n"
+    "  vconf/KEY              vconf_get_str(KEY), the key's slashes being directories:\n"
+    "                         vconf/db/comss/hwduid is the device identifier (one trailing\n"
+    "                         newline is not part of the value)\n"
+    "  usb/                   the USB service; without it usb_device_init() fails\n"
+    "  usb/NAME/              an attached stick mounted at this directory (put RTZOLOFF.cer\n"
+    "                         here to attach a disable certificate)\n"
+    "  usb/NAME.nomount       an attached device without a mount path\n"
+    "  usb/.foreach-result    the number usb_mass_storage_foreach() answers (default 0)\n"
+    "Devices are visited in byte order of their names; names starting with '.' are not\n"
+    "devices. A missing modules or zone file reads as a machine without that file.\n"
+    "Tracing: with KZOL_EMULATE_TRACE=FILE every emulated access appends one line to FILE\n"
+    "(\"fopen /proc/modules\", \"getuid\", \"vconf_get_str KEY\", \"usb_device_init\", ...).\n";
+
+// /proc/modules of a television: the front micro-controller's driver first.
+const char* const c_tvModules =
+    "micom 40960 3 - Live 0x0000000000000000\n"
+    "sdp_mali 1236992 14 - Live 0x0000000000000000\n"
+    "sdp_hdmi_rx 86016 2 - Live 0x0000000000000000\n"
+    "tztv_frontend 212992 1 - Live 0x0000000000000000\n"
+    "usb_storage 69632 1 - Live 0x0000000000000000\n"
+    "vfat 24576 1 - Live 0x0000000000000000\n"
+    "fat 69632 1 vfat, Live 0x0000000000000000\n";
+
+// /proc/modules of an ordinary PC.
+const char* const c_pcModules =
+    "snd_hda_intel 57344 3 - Live 0x0000000000000000\n"
+    "snd_hda_codec 176128 1 snd_hda_intel, Live 0x0000000000000000\n"
+    "i915 3489792 42 - Live 0x0000000000000000\n"
+    "e1000e 311296 0 - Live 0x0000000000000000\n"
+    "uas 32768 0 - Live 0x0000000000000000\n"
+    "usb_storage 81920 1 uas, Live 0x0000000000000000\n"
+    "ext4 1003520 2 - Live 0x0000000000000000\n";
+
+constexpr mode_t c_profileDirMode = 0755;
+constexpr mode_t c_profileFileMode = 0644;
+constexpr unsigned long long c_maxUid = std::numeric_limits<std::uint32_t>::max() - 1ULL;
+
+struct ProfileOptions {
+    std::string directory;
+    bool tv = false;
+    std::string duid;
+    bool hasDuid = false;
+    std::vector<int> zone;
+    std::vector<std::string> uid;
+    std::vector<std::string> usb;
+};
+
+bool parseUid(const std::string& text, unsigned long long& uid)
+{
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    uid = std::stoull(text);
+    return uid <= c_maxUid;
+}
+
+bool makeDirectory(const std::string& path, std::string& error)
+{
+    if (::mkdir(path.c_str(), c_profileDirMode) != 0 && errno != EEXIST) {
+        error = "cannot create " + path + ": " + errnoText(errno);
+        return false;
+    }
+    return true;
+}
+
+// Creates `path` and the directories above it that are missing.
+bool makeDirectories(const std::string& path, std::string& error)
+{
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        if (!makeDirectory(path.substr(0, slash), error)) {
+            return false;
+        }
+    }
+    return makeDirectory(path, error);
+}
+
+bool writeText(const std::string& path, const std::string& text, std::string& error)
+{
+    return writeFileAtomic(path, ByteBuffer(text.begin(), text.end()), c_profileFileMode, false, error);
+}
+
+int runProfileInit(const ProfileOptions& options)
+{
+    std::string error;
+    unsigned long long ruid = 0, euid = 0;
+    if (!options.uid.empty()) {
+        if (!parseUid(options.uid[0], ruid) || (options.uid.size() > 1 && !parseUid(options.uid[1], euid))) {
+            return fail("--uid takes user IDs from 0 to " + std::to_string(c_maxUid));
+        }
+        if (options.uid.size() == 1) {
+            euid = ruid;
+        }
+    }
+    std::set<std::string> sticks;
+    for (const std::string& name : options.usb) {
+        if (name.empty() || name[0] == '.' || name.find('/') != std::string::npos) {
+            return fail("--usb " + name + ": a stick's name is one path component, not starting with '.'");
+        }
+        if (!sticks.insert(name).second) {
+            return fail("--usb " + name + " given twice");
+        }
+    }
+    if (options.hasDuid && options.duid.find('\0') != std::string::npos) {
+        return fail("--duid holds a NUL byte");
+    }
+
+    struct stat st {};
+    if (::stat(options.directory.c_str(), &st) == 0) {
+        if (!S_ISDIR(st.st_mode)) {
+            return fail(options.directory + " exists and is not a directory");
+        }
+        std::unique_ptr<DIR, int (*)(DIR*)> dir(::opendir(options.directory.c_str()), &::closedir);
+        if (!dir) {
+            return fail("cannot read " + options.directory + ": " + errnoText(errno));
+        }
+        for (const dirent* e; (e = ::readdir(dir.get())) != nullptr;) {
+            const std::string name = e->d_name;
+            if (name != "." && name != "..") {
+                return fail(c_exitNegative, options.directory + " is not empty; a profile is made in a new or empty directory");
+            }
+        }
+    } else if (errno != ENOENT || !makeDirectories(options.directory, error)) {
+        return fail(error.empty() ? "cannot use " + options.directory + ": " + errnoText(errno) : error);
+    }
+    const std::string root = resolvedPath(options.directory);
+
+    // Each line: the file written and what the emulation makes of it.
+    std::vector<std::pair<std::string, std::string>> layout;
+
+    if (!writeText(root + "/modules", options.tv ? c_tvModules : c_pcModules, error)) {
+        return fail(error);
+    }
+    layout.emplace_back("modules", options.tv ? "/proc/modules lists micom: a television"
+                                              : "/proc/modules without micom: not a television");
+
+    if (options.hasDuid) {
+        if (!makeDirectories(root + "/vconf/db/comss", error) ||
+            !writeText(root + "/vconf/db/comss/hwduid", options.duid + "\n", error)) {
+            return fail(error);
+        }
+        layout.emplace_back("vconf/db/comss/hwduid", "device identifier \"" + printable(options.duid) + "\"");
+    } else {
+        layout.emplace_back("(no vconf/db/comss/hwduid)", "no device identifier in the store");
+    }
+
+    if (!options.zone.empty()) {
+        const std::string text = std::to_string(options.zone[0]) + " " + std::to_string(options.zone[1]) + "\n";
+        if (!writeText(root + "/zone", text, error)) {
+            return fail(error);
+        }
+        layout.emplace_back("zone", "/proc/self/zone: level " + std::to_string(options.zone[0]) + ", type " +
+                                        std::to_string(options.zone[1]) +
+                                        (options.zone[1] == 1 ? " (isolated container)" : ""));
+    } else {
+        layout.emplace_back("(no zone)", "no /proc/self/zone");
+    }
+
+    if (!options.uid.empty()) {
+        const std::string text =
+            options.uid.size() == 1 ? std::to_string(ruid) + "\n" : std::to_string(ruid) + " " + std::to_string(euid) + "\n";
+        if (!writeText(root + "/uid", text, error)) {
+            return fail(error);
+        }
+        layout.emplace_back("uid", "real user ID " + std::to_string(ruid) + ", effective user ID " +
+                                       std::to_string(euid));
+    } else {
+        layout.emplace_back("(no uid)", "the process's own user IDs");
+    }
+
+    if (!sticks.empty()) {
+        if (!makeDirectory(root + "/usb", error)) {
+            return fail(error);
+        }
+        layout.emplace_back("usb/", "USB service with " + std::to_string(sticks.size()) +
+                                        (sticks.size() == 1 ? " device" : " devices"));
+        for (const std::string& name : sticks) {
+            if (!makeDirectory(root + "/usb/" + name, error)) {
+                return fail(error);
+            }
+            layout.emplace_back("usb/" + name + "/", "stick mounted at " + root + "/usb/" + name);
+        }
+    } else {
+        layout.emplace_back("(no usb/)", "the USB service does not start");
+    }
+
+    std::cout << "profile " << root << "\n";
+    for (const auto& [file, meaning] : layout) {
+        std::cout << "  " << file << std::string(file.size() < 28 ? 28 - file.size() : 1, ' ') << meaning << "\n";
+    }
+    std::cout << "run a command on this device: kzol emulate " << root << " -- COMMAND [ARGS...]\n";
+    return c_exitSuccess;
+}
+
+// ---- kzol emulate ---------------------------------------------------------
+
+struct EmulateOptions {
+    std::string profile;
+    std::vector<std::string> command;
+};
+
+int runEmulate(const EmulateOptions& options)
+{
+    struct stat st {};
+    if (::stat(options.profile.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        return fail(options.profile + " is not a profile directory");
+    }
+    if (options.command.empty()) {
+        return fail("no command to run");
+    }
+    const std::string profile = resolvedPath(options.profile);
+
+    const char* override = std::getenv("KZOL_EMULATE_LIB");
+    const std::string configured = override != nullptr && *override != '\0' ? override : KZOL_EMULATE_LIB_PATH;
+    if (::access(configured.c_str(), R_OK) != 0) {
+        return fail("the emulation library " + configured + " cannot be read: " + errnoText(errno));
+    }
+    const std::string library = resolvedPath(configured);
+    if (library.find_first_of(": \t") != std::string::npos) {
+        return fail("the emulation library's path " + library + " cannot go into LD_PRELOAD (':' or blank in it)");
+    }
+    const char* preload = std::getenv("LD_PRELOAD");
+    const std::string preloads = preload != nullptr && *preload != '\0' ? library + ":" + preload : library;
+    if (::setenv("LD_PRELOAD", preloads.c_str(), 1) != 0 || ::setenv("KZOL_PROFILE", profile.c_str(), 1) != 0) {
+        return fail("cannot set the environment: " + errnoText(errno));
+    }
+
+    std::vector<char*> argv;
+    for (const std::string& arg : options.command) {
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    }
+    argv.push_back(nullptr);
+    std::cout.flush();
+    ::execvp(argv[0], argv.data());
+    const int err = errno;
+    return fail(err == ENOENT ? 127 : 126, "cannot run " + options.command[0] + ": " + errnoText(err));
+}
+
+}  // namespace
+
+void addEmulateCommand(CLI::App& app, int& status)
+{
+    auto options = std::make_shared<EmulateOptions>();
+    CLI::App* cmd = app.add_subcommand("emulate", "Run a command on the television that a profile describes");
+    cmd->add_option("PROFILE", options->profile, "Profile directory (see kzol profile init --help)")->required();
+    cmd->add_option("COMMAND", options->command, "The command and its arguments, after --")->required();
+    cmd->footer(std::string("The command runs with the device emulation preloaded (LD_PRELOAD, ahead of any\n"
+                            "already set) and KZOL_PROFILE set to the profile's absolute path. The library is\n"
+                            "the one built with this kzol (") +
+                KZOL_EMULATE_LIB_PATH +
+                ");\n"
+                "KZOL_EMULATE_LIB names another.\n"
+                "Exit status: the command's own; 2 when PROFILE is not a directory or the emulation\n"
+                "library is missing; 126 when the command cannot run, 127 when it is not found.\n");
+    cmd->callback([options, &status]() { status = runEmulate(*options); });
+}
+
+void addProfileCommand(CLI::App& app, int& status)
+{
+    CLI::App* profile = app.add_subcommand("profile", "Device profiles for kzol emulate");
+    profile->require_subcommand(1);
+
+    auto options = std::make_shared<ProfileOptions>();
+    CLI::App* init = profile->add_subcommand("init", "Create a device profile directory");
+    init->add_option("DIR", options->directory, "Profile directory to create (new or empty)")->required();
+    init->add_flag("--tv", options->tv, "A television: /proc/modules lists the micom module");
+    init->add_option("--duid", options->duid, "Device identifier in the configuration store (db/comss/hwduid)");
+    init->add_option("--zone", options->zone, "Container level and type of /proc/self/zone (type 1 = isolated)")
+        ->expected(2)
+        ->type_name("LEVEL TYPE");
+    init->add_option("--uid", options->uid, "Real user ID, and the effective one when different")
+        ->expected(1, 2)
+        ->type_name("RUID [EUID]");
+    init->add_option("--usb", options->usb, "An attached USB stick usb/NAME/ (repeatable)")
+        ->allow_extra_args(false)
+        ->type_name("NAME");
+    init->footer(c_profileLayout);
+    init->callback([options, &status, init]() {
+        options->hasDuid = init->count("--duid") > 0;
+        status = runProfileInit(*options);
+    });
+}
+
+}  // namespace kzol
