@@ -11,25 +11,15 @@
 #include <memory>
 #include <string>
 #include <vector>
+#include "openssl_ptr.h"
 
 namespace kzol_bench {
 
-struct EvpPkeyFree {
-    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct EvpPkeyCtxFree {
-    void operator()(EVP_PKEY_CTX* p) const { EVP_PKEY_CTX_free(p); }
-};
-struct EvpMdCtxFree {
-    void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
-};
-struct BioFree {
-    void operator()(BIO* p) const { BIO_free_all(p); }
-};
-using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, EvpPkeyFree>;
-using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree>;
-using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree>;
-using BioPtr = std::unique_ptr<BIO, BioFree>;
+using ::BioPtr;
+using ::EvpMdCtxPtr;
+using ::EvpPkeyCtxPtr;
+using ::EvpPkeyPtr;
+
 
 // Content sizes of the signed files, in bytes: 4 KiB, 64 KiB, 1 MiB, 16 MiB.
 const std::vector<std::size_t>& contentSizes();

@@ -9,13 +9,9 @@
 #include <memory>
 
 #include "log.h"
+#include "openssl_ptr.h"
 
 namespace {
-
-struct BioFree {
-    void operator()(BIO* pBio) const { BIO_free(pBio); }
-};
-using BioPtr = std::unique_ptr<BIO, BioFree>;
 
 // The largest piece that fits the 32-bit length of the pointer operations.
 constexpr std::size_t c_maxPiece = UINT_MAX;

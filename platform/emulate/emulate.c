@@ -46,7 +46,9 @@
  * Threads: the library keeps no shared mutable state besides the lazily
  * resolved addresses of the functions it stands in front of (atomic); the
  * devices of a walk belong to the walk's own call on its own thread. */
+#ifndef _GNU_SOURCE
 #define _GNU_SOURCE
+#endif
 #include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
@@ -342,7 +344,7 @@ struct walk {
     size_t count;
     struct walk *outer;
 };
-static struct walk *t_walks;
+static __thread struct walk *t_walks;
 
 static int entry_order(const void *a, const void *b)
 {

@@ -61,7 +61,7 @@ void AtomicFileWriter::discard()
     }
 }
 
-bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::string& error)
+bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::string& error, bool modeIsOptional)
 {
     discard();
     m_committed = false;
@@ -74,7 +74,7 @@ bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::s
     }
     m_fd.reset(fd);
     m_temporary = pattern;
-    if (::fchmod(fd, mode) != 0) {
+    if (::fchmod(fd, mode) != 0 && !modeIsOptional) {
         error = "cannot set the permissions of " + m_temporary + ": " + errnoText(errno);
         discard();
         return false;
@@ -133,6 +133,7 @@ bool AtomicFileWriter::commit(bool replace, std::string& error)
         if (::link(m_temporary.c_str(), m_destination.c_str()) == 0) {
             ::unlink(m_temporary.c_str());
         } else if (errno == EEXIST || !noHardLinks(errno)) {
+            m_existed = errno == EEXIST;
             error = errno == EEXIST ? m_destination + " already exists"
                                     : "cannot create " + m_destination + ": " + errnoText(errno);
             discard();
@@ -140,6 +141,7 @@ bool AtomicFileWriter::commit(bool replace, std::string& error)
         } else {
             struct stat st {};
             if (::lstat(m_destination.c_str(), &st) == 0) {
+                m_existed = true;
                 error = m_destination + " already exists";
                 discard();
                 return false;

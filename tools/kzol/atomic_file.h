@@ -20,8 +20,10 @@ public:
     AtomicFileWriter& operator=(const AtomicFileWriter&) = delete;
 
     // Creates the temporary file next to `destination` with permission bits
-    // exactly `mode` (the process umask does not apply).
-    bool begin(const std::string& destination, mode_t mode, std::string& error);
+    // exactly `mode` (the process umask does not apply). With `modeIsOptional`
+    // a file system that has no permission bits (FAT on removable storage)
+    // is not an error.
+    bool begin(const std::string& destination, mode_t mode, std::string& error, bool modeIsOptional = false);
     bool write(const ByteBuffer& bytes, std::string& error);
     // Where the contents are until commit(), for a check before committing.
     const std::string& temporaryPath() const { return m_temporary; }
@@ -30,6 +32,8 @@ public:
     // destination makes the commit fail and stays as it was. The directory is
     // flushed as well.
     bool commit(bool replace, std::string& error);
+    // After a failed commit without `replace`: the destination had appeared.
+    bool destinationExisted() const { return m_existed; }
 
 private:
     void discard();
@@ -38,6 +42,7 @@ private:
     std::string m_temporary;
     UniqueFd m_fd;
     bool m_committed = false;
+    bool m_existed = false;
 };
 
 // begin, write and commit in one call.

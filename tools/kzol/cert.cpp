@@ -57,101 +57,6 @@ bool checkDeviceId(const std::string& duid, std::string& error)
     return true;
 }
 
-// Writes `bytes` to `destination` through a temporary file in the same
-// directory, checks that the library reads the expected block from it, and
-// only then gives it the destination's name. Removable storage is often FAT,
-// which has neither permission bits nor hard links: a permission change that
-// the file system refuses is not an error, and an existing destination is
-// detected without link() where link() is not supported.
-class CertificateFile {
-public:
-    ~CertificateFile()
-    {
-        m_fd.close();
-        if (!m_temporary.empty()) {
-            ::unlink(m_temporary.c_str());
-        }
-    }
-
-    bool write(const std::string& destination, const ByteBuffer& bytes, std::string& error)
-    {
-        m_destination = destination;
-        std::string pattern = directoryOf(destination) + "/." + c_certificateName + ".kzol-XXXXXX";
-        const int fd = ::mkostemp(&pattern[0], O_CLOEXEC);
-        if (fd < 0) {
-            error = "cannot create a temporary file in " + directoryOf(destination) + ": " + errnoText(errno);
-            return false;
-        }
-        m_fd.reset(fd);
-        m_temporary = pattern;
-        (void)::fchmod(fd, c_certificateMode);  // FAT refuses; the file stays readable there anyway
-        std::size_t done = 0;
-        while (done < bytes.size()) {
-            const ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-            if (n < 0) {
-                if (errno == EINTR) {
-                    continue;
-                }
-                error = "cannot write " + m_temporary + ": " + errnoText(errno);
-                return false;
-            }
-            done += static_cast<std::size_t>(n);
-        }
-        if (::fsync(fd) != 0) {
-            error = "cannot flush " + m_temporary + ": " + errnoText(errno);
-            return false;
-        }
-        if (!m_fd.close()) {
-            error = "cannot close " + m_temporary + ": " + errnoText(errno);
-            return false;
-        }
-        return true;
-    }
-
-    const std::string& temporaryPath() const { return m_temporary; }
-
-    // `existed` tells a refusal because the destination appeared meanwhile.
-    bool commit(bool replace, std::string& error, bool& existed)
-    {
-        existed = false;
-        if (replace) {
-            if (::rename(m_temporary.c_str(), m_destination.c_str()) != 0) {
-                error = "cannot rename " + m_temporary + " to " + m_destination + ": " + errnoText(errno);
-                return false;
-            }
-        } else if (::link(m_temporary.c_str(), m_destination.c_str()) == 0) {
-            ::unlink(m_temporary.c_str());
-        } else {
-            const int err = errno;
-            struct stat st {};
-            if (err == EEXIST || ::lstat(m_destination.c_str(), &st) == 0) {
-                error = m_destination + " exists; use --force to overwrite it";
-                existed = true;
-                return false;
-            }
-            if (err != EPERM && err != EOPNOTSUPP && err != ENOSYS && err != EMLINK) {
-                error = "cannot create " + m_destination + ": " + errnoText(err);
-                return false;
-            }
-            if (::rename(m_temporary.c_str(), m_destination.c_str()) != 0) {
-                error = "cannot create " + m_destination + ": " + errnoText(errno);
-                return false;
-            }
-        }
-        m_temporary.clear();
-        UniqueFd dir(::open(directoryOf(m_destination).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (dir) {
-            ::fsync(dir.get());
-        }
-        return true;
-    }
-
-private:
-    std::string m_destination;
-    std::string m_temporary;
-    UniqueFd m_fd;
-};
-
 int runCert(const CertOptions& options)
 {
     const char keyId = options.keyId[0];
@@ -191,8 +96,10 @@ int runCert(const CertOptions& options)
         return fail(error);
     }
 
-    CertificateFile file;
-    if (!file.write(destination, certificate, error)) {
+    // Removable storage is often FAT, which has no permission bits.
+    AtomicFileWriter file;
+    if (!file.begin(destination, c_certificateMode, error, /*modeIsOptional=*/true) ||
+        !file.write(certificate, error)) {
         return fail(error);
     }
     Signature check;
@@ -201,9 +108,9 @@ int runCert(const CertOptions& options)
         meta.sigType != c_certificateType || meta.keyId != keyId) {
         return fail("the library does not read the new block back; nothing written");
     }
-    bool appeared = false;
-    if (!file.commit(exists, error, appeared)) {
-        return fail(appeared ? c_exitNegative : c_exitError, error);
+    if (!file.commit(exists, error)) {
+        return fail(file.destinationExisted() ? c_exitNegative : c_exitError,
+                    file.destinationExisted() ? destination + " exists; use --force to overwrite it" : error);
     }
 
     std::cout << "wrote " << destination << ": disable certificate for device " << options.duid << ", type "

@@ -18,5 +18,6 @@ void addReportCommand(CLI::App& app, int& status);   // report.cpp
 void addCertCommand(CLI::App& app, int& status);     // cert.cpp
 void addEmulateCommand(CLI::App& app, int& status);  // emulate.cpp
 void addProfileCommand(CLI::App& app, int& status);  // emulate.cpp
+void addCheckCommand(CLI::App& app, int& status);    // check.cpp
 
 }  // namespace kzol

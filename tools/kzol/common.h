@@ -10,8 +10,14 @@
 #include <string>
 
 #include "string_utils.h"
+#include "openssl_ptr.h"
 
 namespace kzol {
+
+using ::BioPtr;
+using ::EvpMdCtxPtr;
+using ::EvpPkeyCtxPtr;
+using ::EvpPkeyPtr;
 
 // Exit statuses of every command.
 constexpr int c_exitSuccess = 0;
@@ -46,22 +52,6 @@ private:
     int m_fd = -1;
 };
 
-struct EvpPkeyFree {
-    void operator()(EVP_PKEY* p) const { EVP_PKEY_free(p); }
-};
-struct EvpPkeyCtxFree {
-    void operator()(EVP_PKEY_CTX* p) const { EVP_PKEY_CTX_free(p); }
-};
-struct EvpMdCtxFree {
-    void operator()(EVP_MD_CTX* p) const { EVP_MD_CTX_free(p); }
-};
-struct BioFree {
-    void operator()(BIO* p) const { BIO_free_all(p); }
-};
-using EvpPkeyPtr = std::unique_ptr<EVP_PKEY, EvpPkeyFree>;
-using EvpPkeyCtxPtr = std::unique_ptr<EVP_PKEY_CTX, EvpPkeyCtxFree>;
-using EvpMdCtxPtr = std::unique_ptr<EVP_MD_CTX, EvpMdCtxFree>;
-using BioPtr = std::unique_ptr<BIO, BioFree>;
 
 // Drains OpenSSL's error queue of this thread into one line ("" when empty).
 std::string opensslErrors();

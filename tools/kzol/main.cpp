@@ -22,6 +22,7 @@ int main(int argc, char** argv)
     kzol::addCertCommand(app, status);
     kzol::addEmulateCommand(app, status);
     kzol::addProfileCommand(app, status);
+    kzol::addCheckCommand(app, status);
 
     try {
         app.parse(argc, argv);
