@@ -241,6 +241,28 @@ struct EmulateOptions {
     std::vector<std::string> command;
 };
 
+// KZOL_EMULATE_LIB when set; else the library installed beside this kzol
+// (<prefix>/bin/kzol and <prefix>/<libdir>/libkzol_emulate.so); else the one
+// built with it.
+std::string emulationLibrary()
+{
+    const char* override = std::getenv("KZOL_EMULATE_LIB");
+    if (override != nullptr && *override != '\0') {
+        return override;
+    }
+    char self[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n > 0) {
+        std::string dir(self, static_cast<std::size_t>(n));
+        dir = dir.substr(0, dir.find_last_of('/'));
+        const std::string installed = dir + "/../" KZOL_INSTALL_LIBDIR "/libkzol_emulate.so";
+        if (::access(installed.c_str(), R_OK) == 0) {
+            return installed;
+        }
+    }
+    return KZOL_EMULATE_LIB_PATH;
+}
+
 int runEmulate(const EmulateOptions& options)
 {
     struct stat st {};
@@ -252,8 +274,7 @@ int runEmulate(const EmulateOptions& options)
     }
     const std::string profile = resolvedPath(options.profile);
 
-    const char* override = std::getenv("KZOL_EMULATE_LIB");
-    const std::string configured = override != nullptr && *override != '\0' ? override : KZOL_EMULATE_LIB_PATH;
+    const std::string configured = emulationLibrary();
     if (::access(configured.c_str(), R_OK) != 0) {
         return fail("the emulation library " + configured + " cannot be read: " + errnoText(errno));
     }
