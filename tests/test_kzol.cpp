@@ -136,7 +136,7 @@ TEST(KzolSign, FailuresLeaveEverythingAsItWas)
         {"x", signArgs(devPublicKey('5'), '5') + "script.sh", 2, "not an unencrypted PEM private key"},
         {"x", signArgs(keys.file("rsa1024.pem"), '5') + "script.sh", 2, "RSA key of 1024 bits"},
         {"", key5 + "script.sh", 2, "is empty"},
-        {signedFile(kContent, "P50", devPrivateKey('5')) + "\r\n", key5 + "script.sh", 1, "already carries a signature block"},
+        {signedFile(kContent, "P50", devPrivateKey('5')) + "\r\n", key5 + "script.sh", 1, "already carries a"},
         {"x", key5 + "script.sh -o other", 1, "exists; use --force"},
         // Found missing, then refused by the final link: the temporary file goes.
         {"x", key5 + "script.sh -o dangling", 2, "dangling already exists"},

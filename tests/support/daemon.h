@@ -1,6 +1,7 @@
 // A stand-in for the platform's security daemon, built from plain sockets (not
 // from the library's socket class): it binds the full-length abstract address
-// of "SfDaemon/UserMsg" and keeps every byte each connection sent.
+// of "SfDaemon/UserMsg" and keeps every byte each connection sent; and the
+// texts the daemon is expected to receive.
 #pragma once
 
 #include <atomic>
@@ -11,18 +12,18 @@
 #include <thread>
 #include <vector>
 
+#include "test_support.h"
+
 namespace kzol_test {
 
 class DaemonListener {
 public:
-    // With `closeAtOnce` every connection is closed as soon as it is accepted.
+    // With `closeAtOnce` every connection is closed unread as soon as it is
+    // accepted (its stream is empty).
     explicit DaemonListener(bool closeAtOnce = false);
-    ~DaemonListener();
-    DaemonListener(const DaemonListener&) = delete;
-    DaemonListener& operator=(const DaemonListener&) = delete;
+    ~DaemonListener() { stop(); }
 
-    // Stops accepting and releases the name; connections not yet accepted are
-    // dropped.
+    // Serves the connections already made, then releases the name.
     void stop();
     // Waits (at most 20 s) until `count` connections have ended; answers the
     // bytes of every connection that has ended so far.
@@ -31,8 +32,6 @@ public:
     // connection made here is served after every connection queued before
     // it, so nothing sent before the call is missed.
     std::vector<std::string> drain();
-    // Waits (at most 10 s) until `count` connections were closed at once.
-    bool waitClosed(int count);
 
 private:
     void serve();
@@ -45,12 +44,20 @@ private:
     std::condition_variable m_changed;
     std::vector<std::string> m_streams;
     std::size_t m_drained = 0;
-    int m_closed = 0;
 };
 
 // One frame: the 4-byte host-order length, the text, a zero byte.
 std::string frame(const std::string& text);
-// The text of a stream that must hold exactly one whole frame (checked).
-std::string onlyFrameText(const std::string& stream);
+// A report's text as the daemon receives it; without `sequence` the
+// Report/ReportSeq member is left out.
+std::string reportText(int kind, const std::string& caller, const std::string& fileType,
+                       const std::string& description, const std::string& path, const char* sequence = nullptr);
+// The text of a stream that must hold exactly one whole frame (checked),
+// without its Report/ReportSeq member.
+std::string unsequenced(const std::string& stream);
+// The lines logged when nothing listens on the daemon's name.
+const std::vector<std::string> c_noDaemonLines = {
+    errorLine("UnixSocket.cpp", "ConnectToHost", "connect() error ;"),
+    errorLine("bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;")};
 
 }  // namespace kzol_test

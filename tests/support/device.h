@@ -1,7 +1,8 @@
 // A television (or not) for the library to run on: a device profile that the
 // emulation library answers /proc/modules, /proc/self/zone, the user IDs, the
-// configuration store and the USB walk from. Test programs that use it link
-// the emulation library ahead of the platform's.
+// configuration store and the USB walk from (test programs that use it link
+// the emulation library ahead of the platform's); and the lines the library
+// logs about its device.
 #pragma once
 
 #include <string>
@@ -17,24 +18,17 @@ public:
     // attached, a process with user IDs 5000 outside any container.
     DeviceProfile();
     ~DeviceProfile();
-    DeviceProfile(const DeviceProfile&) = delete;
-    DeviceProfile& operator=(const DeviceProfile&) = delete;
 
     static constexpr const char* c_deviceId = "DUID-TEST-0001";
 
-    void modules(const std::string& content);  // the /proc/modules text
-    void noModules();
-    void zone(const std::string& content);
-    void noZone();
-    void uid(const std::string& content);      // "RUID EUID"
-    void deviceId(const std::string& id);
-    void noDeviceId();
+    // Writes a file of the profile, or removes it when `content` is null:
+    // "modules", "zone", "uid" ("RUID EUID"), "vconf/db/comss/hwduid" (the
+    // device identifier), "usb" (the USB service, while nothing is attached),
+    // "usb/NAME.nomount" (a device without mount path), "usb/.foreach-result"
+    // (the walk's answer).
+    void set(const std::string& file, const char* content);
     // An attached stick; answers its mount path (a directory).
     std::string stick(const std::string& name);
-    void deviceWithoutMountPath(const std::string& name);
-    void walkAnswers(int result);
-    void noUsbService();
-
     // The accesses the emulation answered since the last call.
     std::vector<std::string> takeTrace();
     const std::string& path() const { return m_dir.path(); }
@@ -43,5 +37,18 @@ private:
     TempDir m_dir;
     std::string m_trace;
 };
+
+inline std::string isolatedLine(int level)
+{
+    return infoLine("securezone_context.cpp", "isIsolatedContainer",
+                    "[zol] Isolate container process lv : " + std::to_string(level) + ", type : 1");
+}
+inline std::string certificateFoundLine(const std::string& path)
+{
+    return infoLine("main.cpp", "handleStorageCallback", "Find USBZOLPath : " + path);
+}
+const std::string c_noUsbLine = warnLine("main.cpp", "FindZOLDiableFile", "No connected usb_mass_storage");
+const std::string c_noModulesLine = infoLine("main.cpp", "IsDTV", "[zol] /proc/modules is not exited");
+const std::string c_noDeviceIdLine = errorLine("main.cpp", "GetDUID", "Hwduid get failed;");
 
 }  // namespace kzol_test
