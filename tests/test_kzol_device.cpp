@@ -4,75 +4,60 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <string>
+#include <future>
 
 #include "test_support.h"
 
-namespace {
+using namespace kzol_test;
 
-const std::string c_kzol = KZOL_TOOL;
+static std::string shq(const std::string& s)
+{ return "'" + s + "'"; }
 
-std::string shq(const std::string& s)
+// `kzol ARGS`, on the emulated device of `profile` when one is given; standard error dropped.
+static int kzol(const std::string& args, std::string* out = nullptr, const std::string& profile = "")
 {
-    return "'" + s + "'";
+    const std::string tool = shq(KZOL_TOOL) + " ";
+    return run((profile.empty() ? "" : tool + "emulate " + shq(profile) + " -- ") + tool + args + " 2>/dev/null", out);
 }
-
-// Runs `kzol emulate PROFILE -- kzol ARGS` and answers its exit status.
-int onDevice(const std::string& profile, const std::string& args, std::string* out)
-{
-    return kzol_test::run(c_kzol + " emulate " + shq(profile) + " -- " + c_kzol + " " + args + " 2>/dev/null", out);
-}
-
-}  // namespace
 
 TEST(KzolDevice, SignCheckReportAndDisableCertificate)
 {
     // An ASan-built tool takes the preloaded emulation after its runtime.
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
-    std::string work = "/tmp/kzol-device-XXXXXX";
+    std::string work = "/tmp/kzol-device-XXXXXX", out, report;
     ASSERT_NE(mkdtemp(work.data()), nullptr);
-    const kzol_test::TempDir profiles;
-    const std::string tv = profiles.file("tv");
-    ASSERT_EQ(kzol_test::run(c_kzol + " profile init " + shq(tv) + " --tv --duid TV-0042 --usb stick >/dev/null"), 0);
-
-    const std::string signedScript = work + "/signed.sh", unsignedScript = work + "/unsigned.sh";
-    kzol_test::writeFile(signedScript, "#!/bin/sh\necho signed\n");
-    kzol_test::writeFile(unsignedScript, "#!/bin/sh\necho unsigned\n");
-    ASSERT_EQ(kzol_test::run(c_kzol + " sign --key " + shq(kzol_test::devPrivateKey('6')) + " --key-id 6 " +
-                             shq(signedScript) + " >/dev/null"),
-              0);
-
-    std::string out;
-    EXPECT_EQ(onDevice(tv, "check " + shq(signedScript), &out), 0);
+    const TempDir profiles;
+    const std::string tv = profiles.file("tv"), signedScript = work + "/signed.sh";
+    const std::string unsignedScript = work + "/unsigned.sh";
+    writeFile(signedScript, "#!/bin/sh\necho signed\n");
+    writeFile(unsignedScript, "#!/bin/sh\necho unsigned\n");
+    ASSERT_EQ(kzol("profile init " + shq(tv) + " --tv --duid TV-0042 --usb stick"), 0);
+    ASSERT_EQ(kzol("sign --key " + shq(devPrivateKey('6')) + " --key-id 6 " + shq(signedScript)), 0);
+    EXPECT_EQ(kzol("check " + shq(signedScript), &out, tv), 0);
     EXPECT_EQ(out, "allowed (BS_SIGNATURE_CORRECT)\n");
 
     // The refusal reaches a listener as one report.
-    const std::string reports = work + "/reports";
-    ASSERT_EQ(std::system((c_kzol + " listen --once --json-lines > " + shq(reports) + " 2>/dev/null & echo $! > " +
-                           shq(work + "/pid"))
-                              .c_str()),
-              0);
-    kzol_test::run("for i in $(seq 50); do grep -q SfDaemon/UserMsg /proc/net/unix && break; sleep 0.1; done");
-    EXPECT_EQ(onDevice(tv, "check --caller loader " + shq(unsignedScript), &out), 1);
+    auto listener = std::async(std::launch::async, [&report] {
+        return run("timeout -s KILL 20 " + shq(KZOL_TOOL) + " listen --once --json-lines 2>/dev/null", &report);
+    });
+    run("for i in $(seq 100); do grep -q SfDaemon/UserMsg /proc/net/unix && break; sleep 0.1; done");
+    EXPECT_EQ(kzol("check --caller loader " + shq(unsignedScript), &out, tv), 1);
     EXPECT_EQ(out, "refused (BS_NOT_SIGNED)\n");
-    kzol_test::run("for i in $(seq 50); do kill -0 $(cat " + shq(work + "/pid") +
-                   ") 2>/dev/null || break; sleep 0.1; done");
-    const std::string report = kzol_test::readFile(reports);
-    EXPECT_NE(report.find("\"Report/Caller\":\"loader\""), std::string::npos) << report;
-    EXPECT_NE(report.find("result:\\\"BS_NOT_SIGNED\\\""), std::string::npos) << report;
-    EXPECT_NE(report.find("\"Report/Path\":\"" + unsignedScript + "\""), std::string::npos) << report;
+    EXPECT_EQ(listener.get(), 0);
+    const std::vector<std::string> parts = {"\"Report/Caller\":\"loader\"", "result:\\\"BS_NOT_SIGNED\\\"",
+                                            "\"Report/Path\":\"" + unsignedScript + "\""};
+    for (const auto& part : parts) {
+        EXPECT_NE(report.find(part), std::string::npos) << part << " in " << report;
+    }
 
     // A certificate for another device changes nothing; one for this device
     // switches the check off.
-    const std::string certificate = tv + "/usb/stick/RTZOLOFF.cer";
-    ASSERT_EQ(kzol_test::run(c_kzol + " cert --key " + shq(kzol_test::devPrivateKey('5')) +
-                             " --key-id 5 --duid TV-0043 -o " + shq(certificate) + " >/dev/null"),
-              0);
-    EXPECT_EQ(onDevice(tv, "check " + shq(unsignedScript), &out), 1);
-    ASSERT_EQ(kzol_test::run(c_kzol + " cert --force --key " + shq(kzol_test::devPrivateKey('5')) +
-                             " --key-id 5 --duid TV-0042 -o " + shq(certificate) + " >/dev/null"),
-              0);
-    EXPECT_EQ(onDevice(tv, "check " + shq(unsignedScript), &out), 0);
+    const std::string cert = "cert --force --key " + shq(devPrivateKey('5')) + " --key-id 5 -o " +
+                             shq(tv + "/usb/stick/RTZOLOFF.cer") + " --duid ";
+    ASSERT_EQ(kzol(cert + "TV-0043"), 0);
+    EXPECT_EQ(kzol("check " + shq(unsignedScript), &out, tv), 1);
+    ASSERT_EQ(kzol(cert + "TV-0042"), 0);
+    EXPECT_EQ(kzol("check " + shq(unsignedScript), &out, tv), 0);
     EXPECT_EQ(out, "allowed (disable certificate)\n");
-    kzol_test::run("rm -rf " + shq(work));
+    run("rm -rf " + shq(work));
 }

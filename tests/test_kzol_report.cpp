@@ -2,80 +2,57 @@
 // program has a network namespace of its own (inherited by the commands it
 // starts), so its listeners hold the daemon's name without meeting a real one.
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstring>
-#include <memory>
+#include <future>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "test_support.h"
 
 using namespace kzol_test;
 
-namespace {
-
-std::string q(const std::string& s)
-{
-    return "'" + s + "'";
-}
+static std::string q(const std::string& s)
+{ return "'" + s + "'"; }
 
 // `kzol ARGS`, bounded in time, standard error dropped.
-int kzol(const std::string& args, std::string* out = nullptr)
-{
-    return run("timeout -s KILL 30 " + q(KZOL_TOOL) + " " + args + " </dev/null 2>/dev/null", out);
-}
+static int kzol(const std::string& args, std::string* out = nullptr)
+{ return run("timeout -s KILL 30 " + q(KZOL_TOOL) + " " + args + " </dev/null 2>/dev/null", out); }
 
-// `kzol listen ARGS` in the background for 15 seconds at most, its standard
-// output and error in the files PATH.out and PATH.err.
-class Listener {
-public:
-    // Starts it and waits up to 10 seconds for it to hold the name.
-    Listener(const std::string& path, const std::string& args) : m_out(path + ".out"), m_err(path + ".err")
+// `kzol listen ARGS` in the background, killed after 15 seconds, its standard
+// output and error in the files PATH.out and PATH.err. `listening` tells
+// whether it held the name within 10 seconds of the start. A signal sent goes
+// to the listener once (timeout in the foreground does not repeat it to the
+// process group).
+struct Listener {
+    Listener(const std::string& path, const std::string& args) : path(path)
     {
-        const std::string command = "exec timeout -s KILL 15 " + q(KZOL_TOOL) + " listen " + args +
-                                    " </dev/null >" + q(m_out) + " 2>" + q(m_err);
-        if ((m_pid = ::fork()) == 0) {
-            ::execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        for (int ms = 0; ms < 10000 && !listening; ms += 10, ::usleep(10000)) {
-            listening = err().find("listening on SfDaemon/UserMsg") != std::string::npos;
-        }
+        status = std::async(std::launch::async, [path, args] {
+            return run("echo $$ >" + q(path + ".pid") + "; exec timeout --foreground -s KILL 15 " + q(KZOL_TOOL) +
+                       " listen " + args + " </dev/null >" + q(path + ".out") + " 2>" + q(path + ".err"));
+        });
+        listening = run("for i in $(seq 1000); do grep -qs 'listening on SfDaemon/UserMsg' " + q(path + ".err") +
+                        " && exit 0; sleep 0.01; done; exit 1") == 0;
     }
     ~Listener() { finish(SIGTERM); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    // Sends `sig` (0: none) and answers the exit status once the listener ends; -1 when it was killed.
+    // Sends `sig` (0: none) to a listener still running and answers its exit status once it ends.
     int finish(int sig = 0)
     {
-        int status = 0;
-        const bool ended = m_pid > 0 && ::kill(m_pid, sig) == 0 && ::waitpid(m_pid, &status, 0) == m_pid;
-        m_pid = -1;
-        return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        if (sig != 0 && status.valid() && status.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+            ::kill(std::stoi(readFile(path + ".pid")), sig);
+        }
+        return status.valid() ? status.get() : -1;
     }
-
-    std::string err() const { return readFile(m_err); }
+    std::string err() const { return readFile(path + ".err"); }
     // The reports printed, their sequence numbers (7 to 12 digits) written as SEQ.
     std::string out() const
-    {
-        static const std::regex seq("\"Report/ReportSeq\":\"[0-9]{7,12}\"");
-        return std::regex_replace(readFile(m_out), seq, "\"Report/ReportSeq\":\"SEQ\"");
-    }
-
+    { return std::regex_replace(readFile(path + ".out"), std::regex("Seq\":\"[0-9]{7,12}\""), "Seq\":\"SEQ\""); }
+    std::string path;
+    std::future<int> status;
     bool listening = false;
-
-private:
-    std::string m_out, m_err;
-    pid_t m_pid = -1;
 };
 
 // A raw peer: connects to the channel's full-length abstract address and sends `bytes`.
@@ -84,7 +61,7 @@ struct Peer {
     bool sent = false;
     explicit Peer(const std::string& bytes)
     {
-        struct sockaddr_un address {};
+        sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path + 1, "SfDaemon/UserMsg", 16);
         sent = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
@@ -95,19 +72,13 @@ struct Peer {
     Peer& operator=(const Peer&) = delete;
 };
 
-std::string prefix(std::uint32_t n)
-{
-    return std::string(reinterpret_cast<const char*>(&n), sizeof(n));
-}
-
-std::string frame(const std::string& text)
-{
-    return prefix(static_cast<std::uint32_t>(text.size())) + text + std::string(1, '\0');
-}
+// A frame of the channel: the length in host order (which may lie), the text and a NUL.
+static std::string frame(std::uint32_t length, const std::string& text)
+{ return std::string(reinterpret_cast<const char*>(&length), sizeof(length)) + text + '\0'; }
 
 // The line the listener prints for a caller's report; texts JSON-escaped.
-std::string reportLine(int kind, const std::string& caller, const std::string& description,
-                       const std::string& fileType, const std::string& path)
+static std::string reportLine(int kind, const std::string& caller, const std::string& description = "",
+                              const std::string& fileType = "", const std::string& path = "")
 {
     return "{\"Action/FileSend\":" + std::to_string(kind) + ",\"Report/Caller\":\"" + caller +
            "\",\"Report/Decription\":\"" + description + "\",\"Report/FileType\":\"" + fileType +
@@ -117,14 +88,13 @@ std::string reportLine(int kind, const std::string& caller, const std::string& d
 
 TEST(KzolReport, ReportsReachTheListener)
 {
-    TempDir dir;
+    const TempDir dir;
     const std::vector<std::pair<std::string, std::string>> argsAndLines = {
         {"--caller c4 --type 4", ""},  // no kind bit: nothing sent
-        {"--caller c0 --file-type SCRIPT --path /no/x.sh --description hello --type 0",
-         reportLine(0, "c0", "hello", "SCRIPT", "/no/x.sh")},
-        {"--caller c1 --file-type BIN --path /no/x.sh --description d --type 1",
-         reportLine(1, "c1", "d", "BIN", "/no/x.sh")},
-        {"--caller c2 --description 'say \"hi\" \\' --type 2", reportLine(2, "c2", "say \\\"hi\\\" \\\\", "", "")},
+        {"--caller c0 --file-type SCRIPT --path /no/x --description hi --type 0",
+         reportLine(0, "c0", "hi", "SCRIPT", "/no/x")},
+        {"--caller c1 --file-type BIN --path /no/x --description d --type 1", reportLine(1, "c1", "d", "BIN", "/no/x")},
+        {"--caller c2 --description 'say \"hi\" \\' --type 2", reportLine(2, "c2", "say \\\"hi\\\" \\\\")},
         {"--caller c3 --path /y --type 3", reportLine(1, "c3", "", "", "/y") + reportLine(2, "c3", "", "", "/y")},
     };
     Listener listener(dir.file("listen"), "--json-lines --count 5");
@@ -142,47 +112,40 @@ TEST(KzolReport, ReportsReachTheListener)
     }
 }
 
+// Each peer is followed by a good report, which the listener still prints.
 TEST(KzolListen, HostilePeersDoNotStopIt)
 {
-    struct Case {
-        std::string bytes;
-        bool keepOpen;
-        std::string printed;  // what the peer's own frames make the listener print
-        const char* says;     // on standard error
-    };
+    struct Case { std::string bytes; bool keepOpen; std::string printed; const char* says; };  // printed: of the peer
     const char* const incomplete = "connection ended without a complete frame";
     const std::vector<Case> cases = {
-        {prefix(0xFFFFFFFFu) + "{}", false, "", incomplete},
+        {frame(0xFFFFFFFFu, "{}"), false, "", incomplete},
         {"GET / HTTP/1.0\r\n\r\n", false, "", incomplete},
-        {frame(std::string(100000, '[')) + frame("{\"n\": 1}"), false, "{\"n\":1}\n",
+        {frame(100000, std::string(100000, '[')) + frame(8, "{\"n\": 1}"), false, "{\"n\":1}\n",
          "frame of 100000 bytes is not JSON: [[["},
         {"", true, "", "peer sent nothing within 300 ms; dropped"},
-        {prefix(50) + "{\"a\"", true, "", "peer did not complete a frame within 300 ms"},
+        {frame(50, "{\"a\""), true, "", "peer did not complete a frame within 300 ms"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.says);
-        TempDir dir;
-        Listener listener(dir.file("listen"),
-                          std::string("--json-lines --receive-timeout 300 --count ") + (c.printed.empty() ? "1" : "2"));
+        const TempDir dir;
+        const std::string count = c.printed.empty() ? "1" : "2";
+        Listener listener(dir.file("listen"), "--json-lines --receive-timeout 300 --count " + count);
         ASSERT_TRUE(listener.listening) << listener.err();
-        auto peer = std::make_unique<Peer>(c.bytes);
-        ASSERT_TRUE(peer->sent);
-        if (!c.keepOpen) {
-            peer.reset();
-        }
+        const Peer peer(c.bytes);
+        ASSERT_TRUE(peer.sent && (c.keepOpen || ::shutdown(peer.fd, SHUT_WR) == 0));
         EXPECT_EQ(kzol("report --caller good --type 1"), 0);
         EXPECT_EQ(listener.finish(), 0) << listener.err();
-        EXPECT_EQ(listener.out(), c.printed + reportLine(1, "good", "", "", ""));
+        EXPECT_EQ(listener.out(), c.printed + reportLine(1, "good"));
         EXPECT_NE(listener.err().find(std::string("kzol listen: ") + c.says), std::string::npos) << listener.err();
     }
 }
 
 TEST(KzolListen, SigtermEndsItInsideAFrame)
 {
-    TempDir dir;
+    const TempDir dir;
     Listener listener(dir.file("first"), "--receive-timeout 60000");
     ASSERT_TRUE(listener.listening) << listener.err();
-    const Peer peer(prefix(50) + "{");  // keeps the listener waiting inside a frame
+    const Peer peer(frame(50, "{"));  // keeps the listener waiting inside a frame
     ASSERT_TRUE(peer.sent);
     ::usleep(300000);
     EXPECT_EQ(listener.finish(SIGTERM), 0) << listener.err();
@@ -190,16 +153,11 @@ TEST(KzolListen, SigtermEndsItInsideAFrame)
 
 TEST(KzolVerify, PrintsTheLibrarysResult)
 {
-    TempDir dir;
+    const TempDir dir;
     const std::string content = "#!/bin/sh\necho \"signed\"\n";
-    struct Case {
-        const char* name;
-        std::string bytes;  // no file for "missing"
-        int status;
-        const char* out;
-    };
+    // Signed by the openssl command alone, the block written by the test's own encoders; no file for "missing".
+    struct Case { const char* name; std::string bytes; int status; const char* out; };
     const std::vector<Case> cases = {
-        // Signed by the openssl command alone, the block written by the test's own encoders.
         {"key5", signedFile(content, "P50", devPrivateKey('5')), 0, "BS_SIGNATURE_CORRECT\n"},
         {"wrongkey", signedFile(content, "P60", devPrivateKey('5')), 1, "BS_SIGNATURE_INCORRECT\n"},
         {"typeL", signedFile(content, "L50", devPrivateKey('5')), 1, "BS_ERROR\n"},
@@ -215,5 +173,3 @@ TEST(KzolVerify, PrintsTheLibrarysResult)
         EXPECT_EQ(out, c.out) << c.name;
     }
 }
-
-}  // namespace

@@ -198,7 +198,7 @@ TEST(Emulation, AnswersFromTheProfile)
         fs::create_directories(u + name);
     }
     for (const char* name : {"B.nomount", "notes.txt", ".x.nomount"}) writeFile(u + name, "");
-    const Strings expected = {u + "0", "<null>",  u + "Z", u + "a", u + "a-stick", u + "b",  // in name order
+    const Strings expected = {u + "0", "<null>", u + "Z", u + "a", u + "a-stick", u + "b",  // in name order
                               u + "b-stick", u + "c", u + "k", u + "m", u + "x", u + "y"};  // "<null>": B.nomount
     // .foreach-result: the walk's answer after visiting; -1 when it holds no number.
     for (const auto& [text, result] : std::map<std::string, int>{{"", 0}, {"-5\n", -5}, {"3", 3}, {"fail", -1}}) {
@@ -310,7 +310,8 @@ TEST(KzolProfile, InitWritesTheLayout)
     EXPECT_EQ(readFile(scratch.file("pc/uid")), "7\n");
     EXPECT_EQ(std::distance(fs::directory_iterator(scratch.file("pc")), {}), 2);
     EXPECT_EQ(kzol(at, "profile init tv"), 1);  // only in a new or empty directory, only with valid values
-    for (const std::string args : {"pc/uid", "new --zone 1", "new --uid 4294967295", "new --usb a/b", "new --usb .x"}) {
+    for (const std::string args :
+         {"pc/uid", "new --zone 1", "new --uid 4294967295", "new --usb a/b", "new --usb .x", "new --usb a --usb a"}) {
         EXPECT_EQ(kzol(at, "profile init " + args), 2) << args;
     }
     EXPECT_FALSE(fs::exists(scratch.file("new")));
@@ -329,6 +330,7 @@ TEST(KzolEmulate, RunsTheCommandOnTheProfilesDevice)
         {"tv -- sh -c 'exit 7'", "", 7, ""}, {"tv -- kzol-no-such-command", "", 127, ""},
         {"tv -- sh -c 'echo $LD_PRELOAD'", "LD_PRELOAD=" + other, 0,
          fs::canonical(KZOL_EMULATE_LIB_PATH).string() + ":" + other + "\n"},
+        {"tv -- sh -c 'echo $LD_PRELOAD; id -u'", "KZOL_EMULATE_LIB=" + other, 0, other + "\n4321\n"},
         {"tv/modules -- true", "", 2, ""}, {"none -- true", "", 2, ""}};
     for (const auto& [args, env, status, expected] : cases) {
         std::string out;

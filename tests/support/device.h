@@ -6,7 +6,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "test_support.h"
 
@@ -18,24 +17,20 @@ public:
     // attached, a process with user IDs 5000 outside any container.
     DeviceProfile();
     ~DeviceProfile();
-
     static constexpr const char* c_deviceId = "DUID-TEST-0001";
-
-    // Writes a file of the profile, or removes it when `content` is null:
-    // "modules", "zone", "uid" ("RUID EUID"), "vconf/db/comss/hwduid" (the
-    // device identifier), "usb" (the USB service, while nothing is attached),
-    // "usb/NAME.nomount" (a device without mount path), "usb/.foreach-result"
-    // (the walk's answer).
+    // Writes a file of the profile (with the directories it needs), or
+    // removes it when `content` is null: "modules", "zone", "uid" ("RUID
+    // EUID"), "vconf/db/comss/hwduid" (the device identifier), "usb" (the USB
+    // service, while nothing is attached), "usb/NAME/FILE" (a file on an
+    // attached stick), "usb/NAME.nomount" (a device without mount path),
+    // "usb/.foreach-result" (the walk's answer).
     void set(const std::string& file, const char* content);
-    // An attached stick; answers its mount path (a directory).
-    std::string stick(const std::string& name);
-    // The accesses the emulation answered since the last call.
-    std::vector<std::string> takeTrace();
+    // The accesses the emulation answered since the last call, one a line.
+    std::string takeTrace();
     const std::string& path() const { return m_dir.path(); }
 
 private:
     TempDir m_dir;
-    std::string m_trace;
 };
 
 inline std::string isolatedLine(int level)

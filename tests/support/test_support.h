@@ -12,8 +12,7 @@ namespace kzol_test {
 // rendered "<P>/<tag>: <message>" with the source line of the message prefix
 // replaced by "N", so that tests compare whole lines without depending on line
 // numbers.
-class LogRecorder {
-public:
+struct LogRecorder {
     static void clear();
     static std::vector<std::string> lines();
 };
@@ -28,16 +27,14 @@ std::string warnLine(const std::string& file, const std::string& function, const
 class StderrCapture {
 public:
     StderrCapture();
-    ~StderrCapture();
+    ~StderrCapture() { finish(); }
     StderrCapture(const StderrCapture&) = delete;
     StderrCapture& operator=(const StderrCapture&) = delete;
     // Ends the capture and answers what was written.
     std::string finish();
 
 private:
-    int m_saved;
-    int m_file;
-    bool m_done;
+    int m_saved = -1, m_file = -1;  // m_saved is -1 once the capture ended
 };
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its contents.
@@ -74,9 +71,7 @@ std::string signedFile(const std::string& content, const std::string& meta, cons
 // over the bytes of `deviceId`.
 std::string certificate(const std::string& deviceId, const std::string& meta, const std::string& privateKey);
 
-// Paths of the source tree, the development keys and the built tools.
-std::string sourceDir();
-std::string devKeyDir();
+// The development keys of the source tree.
 std::string devPrivateKey(char selector);
 std::string devPublicKey(char selector);
 

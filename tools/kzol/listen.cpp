@@ -59,7 +59,10 @@ extern "C" void onDeadline(int)
     g_deadlinePassed = 1;
 }
 
-// Installs the listener's handlers; the previous ones come back on destruction.
+// Installs the listener's handlers. Only the timer's previous handler comes
+// back on destruction: the stop handlers stay until the process ends, so a
+// second SIGTERM on the way out (as `timeout` sends to the process group)
+// cannot turn a clean stop into death by signal.
 class SignalHandlers {
 public:
     SignalHandlers()
@@ -70,10 +73,8 @@ public:
     }
     ~SignalHandlers()
     {
-        for (int i = 0; i < 3; ++i) {
-            if (m_installed[i]) {
-                ::sigaction(m_signal[i], &m_previous[i], nullptr);
-            }
+        if (m_installed[2]) {
+            ::sigaction(m_signal[2], &m_previous[2], nullptr);
         }
     }
     SignalHandlers(const SignalHandlers&) = delete;
