@@ -3,8 +3,6 @@
 // A block that loads must lie inside the file: its text is the file's bytes at
 // offset(), followed by one NUL, and the signed region holds at least one byte
 // of content before the metadata.
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -12,27 +10,18 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz_support.h"
 #include "signature.h"
-
-namespace {
-
-struct MemFile {
-    int fd = memfd_create("kzol-fuzz", 0);
-    std::string path = "/proc/self/fd/" + std::to_string(fd);
-    ~MemFile() { close(fd); }
-};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static MemFile file;
-    if (file.fd < 0 || ftruncate(file.fd, 0) != 0 || pwrite(file.fd, data, size, 0) != static_cast<ssize_t>(size)) {
+    const std::string path = fileWith(data, size);
+    if (path.empty()) {
         return 0;
     }
     Signature signature;
     _ZolSigMeta meta{};
-    if (!signature.loadFromFile(file.path, meta)) {
+    if (!signature.loadFromFile(path, meta)) {
         return 0;
     }
     const size_t offset = signature.offset();

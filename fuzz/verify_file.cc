@@ -4,8 +4,6 @@
 // valid one over exactly the bytes before the block's text.
 #include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -14,14 +12,9 @@
 #include <string>
 
 #include "bs_context.h"
+#include "fuzz_support.h"
 
 namespace {
-
-struct MemFile {
-    int fd = memfd_create("kzol-fuzz", 0);
-    std::string path = "/proc/self/fd/" + std::to_string(fd);
-    ~MemFile() { close(fd); }
-};
 
 EVP_PKEY* devKey(char selector)
 {
@@ -56,12 +49,12 @@ bool opensslAgrees(const uint8_t* data, const Signature& signature, char selecto
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static MemFile file;
-    if (file.fd < 0 || ftruncate(file.fd, 0) != 0 || pwrite(file.fd, data, size, 0) != static_cast<ssize_t>(size)) {
+    const std::string path = fileWith(data, size);
+    if (path.empty()) {
         return 0;
     }
     BSContext context;
-    const Result result = context.verifyFile(file.path, "fuzz");
+    const Result result = context.verifyFile(path, "fuzz");
     switch (result) {
     case BS_ERROR:
     case BS_NOT_SIGNED:
@@ -74,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     Signature signature;
     _ZolSigMeta meta{};
-    if (!signature.loadFromFile(file.path, meta) || meta.sigType != 'P' ||
+    if (!signature.loadFromFile(path, meta) || meta.sigType != 'P' ||
         (meta.keyId != '5' && meta.keyId != '6') || !opensslAgrees(data, signature, meta.keyId)) {
         std::abort();
     }
