@@ -12,7 +12,6 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
-#include <regex>
 #include <stdexcept>
 
 namespace {
@@ -39,6 +38,24 @@ void require(bool ok, const std::string& what)
 
 }  // namespace
 
+namespace {
+
+// The source line of the prefix "FILE: FUNCTION(LINE) > " becomes "N".
+std::string withoutLine(const std::string& message)
+{
+    const auto colon = message.find(": ");
+    const auto open = colon == std::string::npos ? colon : message.find('(', colon + 2);
+    const auto close = open == std::string::npos ? open : message.find(") > ", open);
+    if (close == std::string::npos || close == open + 1 ||
+        message.find_first_not_of("0123456789", open + 1) != close ||
+        message.find_first_of(" :", colon + 2) < open) {
+        return message;
+    }
+    return message.substr(0, open + 1) + "N" + message.substr(close);
+}
+
+}  // namespace
+
 extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt, ...)
 {
     va_list args, copy;
@@ -49,11 +66,8 @@ extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt
     std::string message(n > 0 ? static_cast<std::size_t>(n) : 0, '\0');
     std::vsnprintf(message.data(), message.size() + 1, fmt, copy);
     va_end(copy);
-    // The source line of the prefix "FILE: FUNCTION(LINE) > " becomes "N".
-    static const std::regex prefix(R"(^([^ :]+: [A-Za-z0-9_~]+)\(\d+\) > )");
     const char letter = prio == DLOG_INFO ? 'I' : prio == DLOG_WARN ? 'W' : prio == DLOG_ERROR ? 'E' : '?';
-    std::string rendered = std::string(1, letter) + "/" + (tag ? tag : "") + ": " +
-                           std::regex_replace(message, prefix, "$1(N) > ", std::regex_constants::format_first_only);
+    std::string rendered = std::string(1, letter) + "/" + (tag ? tag : "") + ": " + withoutLine(message);
     const std::lock_guard<std::mutex> lock(g_logMutex);
     recorded().push_back(std::move(rendered));
     return n;
