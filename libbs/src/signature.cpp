@@ -1,8 +1,11 @@
 #include "signature.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -29,9 +32,86 @@ inline bool isTrailingBlank(unsigned char c)
 
 }  // namespace
 
+namespace {
+
+// Owns a descriptor until it is handed on.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor()
+    {
+        if (m_fd >= 0) {
+            const int error = errno;
+            close(m_fd);
+            errno = error;
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_fd; }
+    int release()
+    {
+        const int fd = m_fd;
+        m_fd = -1;
+        return fd;
+    }
+
+private:
+    int m_fd;
+};
+
+bool isReadOnlyMode(const char* mode)
+{
+    return mode[0] == 'r' && std::strchr(mode, '+') == nullptr;
+}
+
+}  // namespace
+
+int openForReading(const char* path)
+{
+    // Without O_NONBLOCK, opening a FIFO would wait for a writer for as long
+    // as one chooses not to come, and a device node could wait on its device.
+    Descriptor fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (fd.get() < 0) {
+        return -1;
+    }
+    // The type is taken from the open descriptor itself, so the path cannot
+    // be swapped between the test and the use.
+    struct stat status {};
+    if (fstat(fd.get(), &status) != 0) {
+        return -1;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
+        return -1;
+    }
+    // Reads of a regular file never wait; the flag goes so that the stream
+    // behaves as any other.
+    const int flags = fcntl(fd.get(), F_GETFL);
+    if (flags < 0 || fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) {
+        return -1;
+    }
+    return fd.release();
+}
+
 FILE* bs_fopen(const char* path, const char* mode)
 {
-    return std::fopen(path, mode);
+    if (path == nullptr || mode == nullptr) {
+        errno = EINVAL;
+        return nullptr;
+    }
+    if (!isReadOnlyMode(mode)) {
+        return std::fopen(path, mode);
+    }
+    Descriptor fd(openForReading(path));
+    if (fd.get() < 0) {
+        return nullptr;
+    }
+    FILE* stream = fdopen(fd.get(), mode);
+    if (stream != nullptr) {
+        fd.release();
+    }
+    return stream;
 }
 
 void bs_fclose(FILE* pFile)

@@ -54,6 +54,12 @@ private:
     unsigned int m_metaSize;
 };
 
-// The engine opens every file it reads through these ("rb").
+// The engine opens every file it reads through these ("rb"). A read-only
+// stream is opened only on a regular file, and opening never waits: a FIFO,
+// a device node, a socket or a directory gives null at once, with errno
+// ENXIO (EISDIR for a directory). Other modes are plain fopen.
 FILE* bs_fopen(const char* path, const char* mode);
 void bs_fclose(FILE* pFile);
+// The descriptor of a regular file opened for reading as bs_fopen opens it,
+// or -1 with errno set.
+int openForReading(const char* path);

@@ -17,6 +17,7 @@
 #include "log.h"
 #include "main.h"
 #include "securezone_context.h"
+#include "signature.h"
 #include "string_utils.h"
 
 // The library's one static initialiser builds, in this order, the base64
@@ -164,9 +165,11 @@ bool IsDTV()
 
 bool isFileExists(const char* path)
 {
-    FILE* file = path != nullptr ? std::fopen(path, "r") : nullptr;
-    if (file != nullptr) {
-        std::fclose(file);
+    // Opened as the verification will open it: a FIFO or a device node is
+    // answered at once instead of waiting on its other end.
+    const int fd = path != nullptr ? openForReading(path) : -1;
+    if (fd >= 0) {
+        close(fd);
         return true;
     }
     const int error = path != nullptr ? errno : EINVAL;

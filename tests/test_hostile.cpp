@@ -1,0 +1,169 @@
+// Files a hostile user can leave in a user-writable area: each gets a definite
+// answer in bounded time from the exported entry point on a television.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "bs_context.h"
+#include "daemon.h"
+#include "device.h"
+#include "kZOLUser.h"
+
+using namespace kzol_test;
+using Lines = std::vector<std::string>;
+
+namespace {
+
+const std::string c_script = "#!/bin/sh\necho hostile\n";
+
+// The entry point's answer; a call that has not answered within the limit
+// ends the whole program, since its thread cannot be taken back.
+int answerOf(const std::string& path)
+{
+    auto call = std::async(std::launch::async, [path] { return verifyFileWihtoutKey(path.c_str(), "loader"); });
+    if (call.wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+        std::printf("no answer within 30 s for %s\n", path.c_str());
+        std::fflush(stdout);
+        std::_Exit(1);
+    }
+    return call.get();
+}
+
+std::string refusal(const std::string& path)
+{
+    return reportText(1, "loader", "SCRIPT",
+                      "ver:\"1\",subject:\"" + path + "\",object:\"loader\",result:\"BS_NOT_SIGNED\",", path);
+}
+
+}  // namespace
+
+// Answer, report and the readability probe's line for each kind of file.
+TEST(HostileFiles, DefiniteAnswers)
+{
+    const TempDir dir;
+    const std::string area = std::filesystem::canonical(dir.path());
+    const auto at = [&](const std::string& name) { return area + "/" + name; };
+    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mkdir(at("directory").c_str(), 0700), 0);
+    ASSERT_EQ(symlink(at("loop-b").c_str(), at("loop-a").c_str()), 0);
+    ASSERT_EQ(symlink(at("loop-a").c_str(), at("loop-b").c_str()), 0);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(mknod(at("zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
+    }
+    // A signed script moved past 4 GiB by a hole: its block is at the end, but
+    // no block lies beyond 4 GiB, and nothing of the hole is read.
+    writeFile(at("sparse"), "");
+    ASSERT_EQ(truncate(at("sparse").c_str(), off_t{1} << 32), 0);
+    {
+        const int fd = open(at("sparse").c_str(), O_WRONLY | O_APPEND);
+        const std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
+        ASSERT_EQ(write(fd, good.data(), good.size()), static_cast<ssize_t>(good.size()));
+        close(fd);
+    }
+    std::string longName = area;
+    while (longName.size() < 4096) {
+        longName += "/d";
+    }
+    longName.resize(4096);
+
+    struct Case {
+        std::string name, path;
+        int answer;
+        bool reported;
+        std::string err;  // the readability probe's line; the verification's own lines follow
+    };
+    const auto probe = [&](const std::string& name, int error) {
+        return "\033[1;31m[zol][" + at(name) + ":" + std::strerror(error) + "][" + std::to_string(error) + "];\033[0m\n";
+    };
+    std::vector<Case> cases = {
+        {"fifo without a writer", at("fifo"), 0, true, probe("fifo", ENXIO)},
+        {"directory", at("directory"), 0, true, probe("directory", EISDIR)},
+        {"symbolic link loop", at("loop-a"), 0, false, ""},
+        {"name of 4096 bytes", longName, 0, false, ""},
+        {"4 GiB hole before a signed script", at("sparse"), 0, true, ""},
+    };
+    if (root) {
+        cases.push_back({"character device", at("zero"), 0, true, probe("zero", ENXIO)});
+    }
+    const DeviceProfile device;
+    DaemonListener daemon;
+    for (const auto& c : cases) {
+        StderrCapture err;
+        EXPECT_EQ(answerOf(c.path), c.answer) << c.name;
+        EXPECT_EQ(err.finish().substr(0, c.err.size()), c.err) << c.name;
+        EXPECT_EQ(unsequenced(daemon.drain()), c.reported ? Lines{refusal(c.path)} : Lines{}) << c.name;
+    }
+}
+
+// A real path longer than the platform's longest path cannot be resolved, and
+// an unresolvable path counts as lying outside the areas: reached through a
+// short relative name, such a file runs unchecked.
+TEST(HostileFiles, RealPathBeyondTheLongestPath)
+{
+    const TempDir dir;
+    const std::string component(200, 'd');
+    const int start = open(".", O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(start, 0);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    for (int depth = 0; depth < 25; ++depth) {
+        ASSERT_EQ(mkdir(component.c_str(), 0700), 0);
+        ASSERT_EQ(chdir(component.c_str()), 0);
+    }
+    writeFile("run.sh", c_script);
+    DeviceProfile device;
+    LogRecorder::clear();
+    EXPECT_EQ(answerOf("run.sh"), 1);
+    EXPECT_EQ(LogRecorder::lines(), Lines{errorLine("bs_context.cpp", "checkFileIsInRWUser",
+                                                    "realpath() error : File name too long;")});
+    EXPECT_EQ(device.takeTrace(), "");
+    // Leave the tree by its name's pieces: the whole name is too long to use.
+    for (int depth = 0; depth < 25; ++depth) {
+        ASSERT_EQ(chdir(".."), 0);
+    }
+    ASSERT_EQ(fchdir(start), 0);
+    close(start);
+}
+
+// A signed script rewritten while it is checked again and again: it shrinks,
+// grows back, and changes a byte. Every answer is 0 or 1, and nothing breaks
+// (the sanitizer builds watch the reads).
+TEST(HostileFiles, ChangingWhileChecked)
+{
+    const TempDir dir;
+    const std::string path = std::filesystem::canonical(dir.path()).string() + "/script.sh";
+    const std::string good = signedFile(std::string(100000, 'x') + c_script, "P50", devPrivateKey('5'));
+    std::string bad = good;
+    bad[50000] ^= 1;
+    writeFile(path, good);
+    const DeviceProfile device;
+    unsetenv("KZOL_EMULATE_TRACE");
+    std::atomic<bool> done{false};
+    std::thread writer([&] {
+        const int fd = open(path.c_str(), O_WRONLY);
+        for (unsigned i = 0; !done; ++i) {
+            if (ftruncate(fd, i % 3 == 0 ? 0 : static_cast<off_t>(good.size() / (i % 7 + 1))) != 0 ||
+                pwrite(fd, (i % 2 ? bad : good).data(), good.size(), 0) != static_cast<ssize_t>(good.size())) {
+                break;
+            }
+        }
+        close(fd);
+    });
+    StderrCapture err;
+    for (int i = 0; i < 100; ++i) {
+        const int answer = answerOf(path);
+        EXPECT_TRUE(answer == 0 || answer == 1) << answer;
+    }
+    done = true;
+    writer.join();
+}
