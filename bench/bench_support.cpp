@@ -30,7 +30,7 @@ constexpr char c_metaReserved = '0';
 
 // ---- removal on signals -----------------------------------------------------
 // Fixed storage so that the handler only reads memory and calls unlink/rmdir.
-constexpr std::size_t c_maxCleanup = 16;
+constexpr std::size_t c_maxCleanup = 32;
 constexpr std::size_t c_maxPath = 4096;
 char g_cleanupPaths[c_maxCleanup][c_maxPath];
 volatile std::sig_atomic_t g_cleanupCount = 0;  // files first, the directory last
@@ -209,7 +209,46 @@ Workspace::~Workspace()
     if (!m_directory.empty()) {
         rmdir(m_directory.c_str());
     }
+    for (auto path = m_extraPaths.rbegin(); path != m_extraPaths.rend(); ++path) {
+        if (unlink(path->c_str()) != 0) {
+            rmdir(path->c_str());
+        }
+    }
     g_cleanupCount = 0;
+}
+
+bool Workspace::createArea(std::string& error)
+{
+    // Listed before it is made: removed even when making it fails half-way.
+    const auto made = [&](const std::string& path, const std::string* bytes) {
+        m_extraPaths.push_back(path);
+        addCleanupPath(path);
+        if (bytes == nullptr ? mkdir(path.c_str(), 0700) != 0 : !writeWhole(path, *bytes)) {
+            error = "cannot make " + path + ": " + std::strerror(errno);
+            return false;
+        }
+        return true;
+    };
+    std::string pattern = "/tmp/kzol-bench-area-XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+        error = "cannot make a directory like " + pattern + ": " + std::strerror(errno);
+        return false;
+    }
+    m_areaDirectory = pattern;
+    m_extraPaths.push_back(pattern);
+    addCleanupPath(pattern);
+    const std::string& good = m_files.front().bytes;
+    std::string tampered = good;
+    tampered[0] ^= 1;
+    m_televisionProfile = m_areaDirectory + "/television";
+    m_otherDeviceProfile = m_areaDirectory + "/other-device";
+    const std::string modules = "sdp_drv 16384 0 - Live 0x0\nnet_drv 65536 1 - Live 0x0\n",
+                      television = "micom 40960 2 - Live 0x0\n" + modules, uid = "5000 5000\n", zone = "0 0\n";
+    return made(m_areaDirectory + "/signed.sh", &good) && made(m_areaDirectory + "/tampered.sh", &tampered) &&
+           made(m_televisionProfile, nullptr) && made(m_televisionProfile + "/modules", &television) &&
+           made(m_televisionProfile + "/uid", &uid) && made(m_televisionProfile + "/zone", &zone) &&
+           made(m_televisionProfile + "/usb", nullptr) && made(m_otherDeviceProfile, nullptr) &&
+           made(m_otherDeviceProfile + "/modules", &modules);
 }
 
 bool Workspace::create(std::string& error)
@@ -256,7 +295,7 @@ bool Workspace::create(std::string& error)
             return false;
         }
     }
-    return true;
+    return createArea(error);
 }
 
 const SignedFile* Workspace::file(std::size_t contentSize) const

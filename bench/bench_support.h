@@ -49,6 +49,15 @@ public:
     bool create(std::string& error);
 
     const std::string& directory() const { return m_directory; }
+    // A directory in a user-writable area (under /tmp) holding "signed.sh",
+    // the signed file of the smallest size, and "tampered.sh", the same with
+    // one content byte changed.
+    const std::string& areaDirectory() const { return m_areaDirectory; }
+    // Device profiles for the emulation library (KZOL_PROFILE): a television
+    // (micom module, a non-root process outside any container, USB service up
+    // with nothing attached), and a device without the micom module.
+    const std::string& televisionProfile() const { return m_televisionProfile; }
+    const std::string& otherDeviceProfile() const { return m_otherDeviceProfile; }
     const SignedFile* file(std::size_t contentSize) const;
     // The key text the library verifies these files with (public key 5).
     const std::string& publicKeyPem() const { return m_publicKeyPem; }
@@ -56,7 +65,10 @@ public:
     EVP_PKEY* privateKey() const { return m_privateKey.get(); }
 
 private:
-    std::string m_directory;
+    bool createArea(std::string& error);
+
+    std::string m_directory, m_areaDirectory, m_televisionProfile, m_otherDeviceProfile;
+    std::vector<std::string> m_extraPaths;  // removed backwards: files before their directories
     std::vector<SignedFile> m_files;
     std::string m_publicKeyPem;
     EvpPkeyPtr m_privateKey;

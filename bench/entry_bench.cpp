@@ -1,0 +1,176 @@
+// Families "entry", "report" and "threads": the exported entry points as a
+// platform component calls them, on a television emulated from a device
+// profile, with a listener in the daemon's place that signals each report it
+// has received whole.
+//
+//   entry/outside            verifyFileWihtoutKey on a file outside the areas
+//   entry/access_realpath    access + realpath of the same path
+//   entry/other_device       a file in an area on a device that is not a television
+//   entry/signed             the signed 4 KiB file in an area on a television
+//   entry/refused            its copy with one byte changed: refused, report delivered
+//   entry/verify_and_report  BSContext::verifyFile of that copy, then one
+//                            SendSecurityReport, delivered
+//   report/round_trip        SendSecurityReport until the listener has the report
+//   threads/signed           entry/signed on 1 and on 2 threads at once
+//
+// All are timed in elapsed time: reports wait for the listener.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "bench_support.h"
+#include "bs_context.h"
+#include "kZOLUser.h"
+
+namespace kzol_bench {
+namespace {
+
+// Accepts the library's connections on the daemon's name, reads each to its
+// end, and then writes one byte to a pipe: a benchmark that reads that byte
+// knows its report arrived.
+class Listener {
+public:
+    bool start()
+    {
+        m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un address{AF_UNIX, {}};
+        std::memcpy(address.sun_path + 1, "SfDaemon/UserMsg", 16);
+        if (m_socket < 0 || bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+            listen(m_socket, 64) != 0 || pipe2(m_pipe, O_CLOEXEC) != 0) {
+            return false;
+        }
+        m_thread = std::thread([this] { serve(); });
+        return true;
+    }
+    ~Listener()
+    {
+        if (m_thread.joinable()) {
+            shutdown(m_socket, SHUT_RDWR);
+            m_thread.join();
+        }
+        for (int fd : {m_socket, m_pipe[0], m_pipe[1]}) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
+    }
+    bool delivered() const
+    {
+        char byte = 0;
+        return read(m_pipe[0], &byte, 1) == 1;
+    }
+
+private:
+    void serve()
+    {
+        for (int connection; (connection = accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            char buffer[4096];
+            std::size_t total = 0;
+            for (ssize_t n; (n = read(connection, buffer, sizeof(buffer))) > 0;) {
+                total += static_cast<std::size_t>(n);
+            }
+            close(connection);
+            const char byte = total > 0 ? 1 : 0;
+            if (write(m_pipe[1], &byte, 1) != 1) {
+                return;
+            }
+        }
+    }
+
+    int m_socket = -1;
+    int m_pipe[2] = {-1, -1};
+    std::thread m_thread;
+};
+
+Listener& listener()
+{
+    static Listener instance;
+    return instance;
+}
+
+// The device the emulation shows: set by each benchmark's setup, which runs
+// before its threads start.
+std::string g_televisionProfile, g_otherDeviceProfile;
+void onTelevision(const benchmark::State&)
+{
+    setenv("KZOL_PROFILE", g_televisionProfile.c_str(), 1);
+}
+void onOtherDevice(const benchmark::State&)
+{
+    setenv("KZOL_PROFILE", g_otherDeviceProfile.c_str(), 1);
+}
+
+void entryCall(benchmark::State& state, const std::string& path, int answer, bool reported)
+{
+    for (auto _ : state) {
+        if (verifyFileWihtoutKey(path.c_str(), "bench") != answer || (reported && !listener().delivered())) {
+            state.SkipWithError("unexpected answer, or the report did not arrive");
+            break;
+        }
+    }
+}
+
+void registerEntry(const Workspace& workspace)
+{
+    if (!listener().start()) {
+        std::fprintf(stderr, "kzol_bench: cannot listen on the daemon's name: %s\n", std::strerror(errno));
+        std::exit(1);
+    }
+    g_televisionProfile = workspace.televisionProfile();
+    g_otherDeviceProfile = workspace.otherDeviceProfile();
+    const std::string outside = workspace.file(contentSizes().front())->path,
+                      signedFile = workspace.areaDirectory() + "/signed.sh",
+                      tampered = workspace.areaDirectory() + "/tampered.sh";
+    const auto timed = [](benchmark::internal::Benchmark* bench) {
+        return bench->Unit(benchmark::kMicrosecond)->UseRealTime()->Setup(onTelevision);
+    };
+    timed(benchmark::RegisterBenchmark("entry/outside", entryCall, outside, 1, false));
+    timed(benchmark::RegisterBenchmark("entry/access_realpath", [=](benchmark::State& state) {
+        char resolved[PATH_MAX + 1];
+        for (auto _ : state) {
+            if (access(outside.c_str(), F_OK) != 0 || realpath(outside.c_str(), resolved) == nullptr) {
+                state.SkipWithError("access or realpath failed");
+                break;
+            }
+            benchmark::DoNotOptimize(resolved);
+        }
+    }));
+    timed(benchmark::RegisterBenchmark("entry/other_device", entryCall, signedFile, 1, false))->Setup(onOtherDevice);
+    timed(benchmark::RegisterBenchmark("entry/signed", entryCall, signedFile, 1, false));
+    timed(benchmark::RegisterBenchmark("entry/refused", entryCall, tampered, 0, true));
+    timed(benchmark::RegisterBenchmark("entry/verify_and_report", [=](benchmark::State& state) {
+        for (auto _ : state) {
+            if (BSContext().verifyFile(tampered, "bench") != BS_SIGNATURE_INCORRECT ||
+                SendSecurityReport("bench", "SCRIPT", tampered.c_str(), "refused", 1) != 0 ||
+                !listener().delivered()) {
+                state.SkipWithError("verification, report or its delivery failed");
+                break;
+            }
+        }
+    }));
+    timed(benchmark::RegisterBenchmark("report/round_trip", [=](benchmark::State& state) {
+        for (auto _ : state) {
+            if (SendSecurityReport("bench", "SCRIPT", tampered.c_str(), "refused", 1) != 0 ||
+                !listener().delivered()) {
+                state.SkipWithError("the report did not arrive");
+                break;
+            }
+        }
+    }));
+    // Each thread checks the same file; the figure is the time per call on
+    // each thread, so two threads scale perfectly when it stays the same.
+    timed(benchmark::RegisterBenchmark("threads/signed", entryCall, signedFile, 1, false))->Threads(1)->Threads(2);
+}
+
+const Family c_entryFamily("entry", registerEntry);
+
+}  // namespace
+}  // namespace kzol_bench
