@@ -26,12 +26,13 @@ constexpr socklen_t c_addressLength = sizeof(struct sockaddr_un);
 constexpr std::size_t c_maxNameLength = sizeof(sockaddr_un::sun_path) - 1;
 // Frame lengths from here on cannot be buffered on the target (32-bit
 // address space); such a prefix ends the connection.
-constexpr std::uint32_t c_maxFrameLength = 0x7FFFFFFEu;
+constexpr std::uint32_t c_maxFrameLength = 0x7FFFFFFEU;
 
 static_assert(sizeof(struct sockaddr_un) == 110, "the channel's addresses are 110 bytes long");
 static_assert(c_maxNameLength == 107, "names are cut at 107 bytes");
 
 struct FreeDeleter {
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): releases the frame buffer from calloc below
     void operator()(unsigned char* p) const { std::free(p); }
 };
 using FrameBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
@@ -44,11 +45,11 @@ using FrameBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
 int SfDescriptorReadyForOperation(int descriptor, unsigned int timeoutMs, bool forReading)
 {
     if (descriptor < 0) {
-        sleep(1);
+        sleep(1);  // NOLINT(concurrency-mt-unsafe): only SIGCHLD handling races with sleep; the library installs none
         return -1;
     }
 
-    const time_t seconds = static_cast<time_t>(timeoutMs / 1000);
+    const auto seconds = static_cast<time_t>(timeoutMs / 1000);
     const unsigned int restMs = timeoutMs % 1000;
 
     if (descriptor >= FD_SETSIZE) {
@@ -79,7 +80,7 @@ int SfDescriptorReadyForOperation(int descriptor, unsigned int timeoutMs, bool f
 
 }  // namespace
 
-UnixSocket::UnixSocket() : m_descriptor(s_badDescriptor)
+UnixSocket::UnixSocket() : m_descriptor(s_badDescriptor), m_address()
 {
 }
 
@@ -249,7 +250,7 @@ bool UnixSocket::ReceiveData(unsigned char* buffer, unsigned int length)
 
 bool UnixSocket::SendString(std::string const& text)
 {
-    const std::uint32_t length = static_cast<std::uint32_t>(text.size());
+    const auto length = static_cast<std::uint32_t>(text.size());
     unsigned char prefix[sizeof(length)];
     std::memcpy(prefix, &length, sizeof(length));
     if (!SendData(prefix, sizeof(prefix))) {
@@ -276,6 +277,9 @@ bool UnixSocket::ReceiveString(std::string& text)
     }
 
     const std::size_t frameSize = static_cast<std::size_t>(length) + 1;
+    // The length comes from the peer: running out of memory must end the
+    // connection as a failure, not throw, so the buffer comes from calloc.
+    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc)
     FrameBuffer frame(static_cast<unsigned char*>(std::calloc(frameSize, 1)));
     if (!frame) {
         Disconnect();

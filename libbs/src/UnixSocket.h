@@ -47,9 +47,9 @@ public:
     // Replaces the file status flags by O_NONBLOCK alone.
     int SetNonBlocking();
     // Whether a descriptor is held (not whether a peer is there).
-    bool IsConnected() const;
-    bool IsReadyForReading(unsigned int timeoutMs) const;
-    bool IsReadyForWriting(unsigned int timeoutMs) const;
+    [[nodiscard]] bool IsConnected() const;
+    [[nodiscard]] bool IsReadyForReading(unsigned int timeoutMs) const;
+    [[nodiscard]] bool IsReadyForWriting(unsigned int timeoutMs) const;
     int Disconnect();
 
     // Exactly `length` bytes; any failure closes the connection.

@@ -176,7 +176,7 @@ bool BSContext::verifyFileContent(FILE* pFile, VerifyContext& context, unsigned 
 {
     ByteBuffer buffer;
     buffer.reserve(c_readChunk);
-    std::fseek(pFile, 0, SEEK_SET);
+    (void)std::fseek(pFile, 0, SEEK_SET);  // the rewind's own result is deliberately not tested
     unsigned int remaining = length;
     while (remaining > 0) {
         const unsigned int n = remaining < c_readChunk ? remaining : c_readChunk;
@@ -304,14 +304,15 @@ std::string BSContext::ComposeDescription(const char* subject, const char* objec
     default: break;  // 5 and every other value have no name
     }
     std::string description;
-    description.reserve(64 + (subject ? std::strlen(subject) : 0) + (object ? std::strlen(object) : 0));
+    description.reserve(64 + (subject != nullptr ? std::strlen(subject) : 0) +
+                        (object != nullptr ? std::strlen(object) : 0));
     description += "ver:\"";
     description += "1\",";
     description += "subject:\"";
-    description += subject ? subject : "";
+    description += subject != nullptr ? subject : "";
     description += "\",";
     description += "object:\"";
-    description += object ? object : "";
+    description += object != nullptr ? object : "";
     description += "\",";
     description += "result:\"";
     description += name;

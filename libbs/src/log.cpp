@@ -3,7 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-void log(const char* format, ...)
+void log(const char* format, ...)  // NOLINT(cert-dcl50-cpp): the exported printf-style signature
 {
     if (format == nullptr) {
         return;
@@ -11,7 +11,7 @@ void log(const char* format, ...)
     char buffer[1024] = {};
     va_list args;
     va_start(args, format);
-    std::vsnprintf(buffer, sizeof(buffer), format, args);
+    (void)std::vsnprintf(buffer, sizeof(buffer), format, args);  // longer output is cut on purpose
     va_end(args);
-    std::fprintf(stderr, "%s\n", buffer);
+    (void)std::fprintf(stderr, "%s\n", buffer);  // nowhere to report a failed write to stderr
 }

@@ -27,6 +27,9 @@ constexpr const char* baseName(const char* path)
 
 }  // namespace kzol_log
 
+// The log lines need the call site's __FILE__, __func__ and __LINE__ and a
+// literal format, which only macros provide.
+// NOLINTBEGIN(cppcoreguidelines-macro-usage)
 #define KZOL_LOG_TAG "kzoluser"
 
 // The source file's base name, worked out at compile time.
@@ -51,3 +54,4 @@ constexpr const char* baseName(const char* path)
 #define KZOL_LOGE(fmt, ...) KZOL_DLOG(DLOG_ERROR, "\033[31m", fmt, ##__VA_ARGS__)
 #define KZOL_LOGW(fmt, ...) KZOL_DLOG(DLOG_WARN, "\033[33m", fmt, ##__VA_ARGS__)
 #define KZOL_LOGI(fmt, ...) KZOL_DLOG(DLOG_INFO, "\033[36m", fmt, ##__VA_ARGS__)
+// NOLINTEND(cppcoreguidelines-macro-usage)

@@ -21,8 +21,9 @@ bool SecureZoneContext::getContainerInformation(ContainerContent& out)
         KZOL_LOGE("Failed to open zone file");
         return false;
     }
+    // NOLINTNEXTLINE(cert-err34-c): the zone file's fixed "%d %d" scan
     const int scanned = std::fscanf(file, "%d %d", &out.level, &out.type);
-    std::fclose(file);
+    (void)std::fclose(file);
     if (scanned != 2) {
         KZOL_LOGE("Failed to read zone file");
         return false;

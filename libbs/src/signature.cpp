@@ -117,7 +117,7 @@ FILE* bs_fopen(const char* path, const char* mode)
 void bs_fclose(FILE* pFile)
 {
     if (pFile != nullptr) {
-        std::fclose(pFile);
+        (void)std::fclose(pFile);
     }
 }
 
@@ -279,7 +279,7 @@ void Signature::composeSignature(ByteBuffer& out) const
     if (empty()) {
         return;
     }
-    const unsigned int textLength = static_cast<unsigned int>(size() - 1);
+    const auto textLength = static_cast<unsigned int>(size() - 1);
     out.reserve(textLength + c_tailSize);
     out.assign(begin(), begin() + textLength);
     const unsigned char be[4] = {

@@ -14,7 +14,7 @@
 // The two metadata characters of a block: signature type ('L' or 'P') and key
 // selector ('5' or '6' select a built-in key). Defined only after a load that
 // succeeded.
-struct _ZolSigMeta {
+struct _ZolSigMeta {  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): exported name
     char sigType;
     char keyId;
 };
@@ -36,7 +36,7 @@ public:
     // holds the L text bytes and one NUL, and `meta` is filled.
     bool loadFromFile(const std::string& path, _ZolSigMeta& meta);
 
-    unsigned int offset() const;
+    [[nodiscard]] unsigned int offset() const;
 
     // Replaces `out` with what follows the metadata field in a signed file:
     // text, length field and footprint. An empty text yields an empty output.

@@ -62,7 +62,9 @@ void base64_encode(const char* input, unsigned int length, char* output, unsigne
     unsigned int i = 0;
     char* out = output;
     for (; length - i >= 3; i += 3) {
-        const unsigned char b0 = in[i], b1 = in[i + 1], b2 = in[i + 2];
+        const unsigned char b0 = in[i];
+        const unsigned char b1 = in[i + 1];
+        const unsigned char b2 = in[i + 2];
         *out++ = chars[b0 >> 2];
         *out++ = chars[((b0 & 0x03) << 4) | (b1 >> 4)];
         *out++ = chars[((b1 & 0x0F) << 2) | (b2 >> 6)];
@@ -76,7 +78,8 @@ void base64_encode(const char* input, unsigned int length, char* output, unsigne
         *out++ = '=';
         *out++ = '=';
     } else if (rest == 2) {
-        const unsigned char b0 = in[i], b1 = in[i + 1];
+        const unsigned char b0 = in[i];
+        const unsigned char b1 = in[i + 1];
         *out++ = chars[b0 >> 2];
         *out++ = chars[((b0 & 0x03) << 4) | (b1 >> 4)];
         *out++ = chars[(b1 & 0x0F) << 2];
@@ -101,7 +104,7 @@ bool base64_decode(const char* input, unsigned int length, char* output, unsigne
     unsigned int pos = 0;
     for (; pos < length; ++pos) {
         const unsigned char value = b64[in[pos]];
-        if (value & 0x80) {
+        if ((value & 0x80) != 0) {
             break;  // '=' or a byte outside the alphabet ends the walk
         }
         group[pending++] = value;

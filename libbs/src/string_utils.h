@@ -9,7 +9,7 @@
 
 // The growable byte array that carries signature texts, raw signatures, data
 // to digest and device identifiers.
-typedef std::vector<unsigned char> ByteBuffer;
+using ByteBuffer = std::vector<unsigned char>;
 
 // The 64 characters of the base64 alphabet; a character's value is its
 // position. Built by the library's static initialisation.

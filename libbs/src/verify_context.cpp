@@ -18,7 +18,7 @@ constexpr std::size_t c_maxPiece = UINT_MAX;
 
 }  // namespace
 
-VerifyContext::VerifyContext() : m_pKey(nullptr), m_pContext(nullptr) {}
+VerifyContext::VerifyContext() = default;
 
 VerifyContext::~VerifyContext()
 {

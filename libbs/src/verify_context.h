@@ -52,8 +52,8 @@ public:
     void destroyContext();
 
 private:
-    EVP_PKEY* m_pKey;
-    EVP_MD_CTX* m_pContext;
+    EVP_PKEY* m_pKey{nullptr};
+    EVP_MD_CTX* m_pContext{nullptr};
 };
 
 // The digest of every signature: SHA-256.
