@@ -48,7 +48,7 @@ public:
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
+    [[nodiscard]] int get() const { return m_fd; }
     int release()
     {
         const int fd = m_fd;

@@ -165,23 +165,21 @@ bool IsDTV()
     return found;
 }
 
-// NOLINTBEGIN(cert-err33-c): a failed close of a file opened for reading or of the diagnostic line changes nothing
 bool isFileExists(const char* path)
 {
     // Opened as the verification will open it: a FIFO or a device node is
     // answered at once instead of waiting on its other end.
     const int fd = path != nullptr ? openForReading(path) : -1;
     if (fd >= 0) {
-        close(fd);
+        (void)close(fd);
         return true;
     }
     const int error = path != nullptr ? errno : EINVAL;
     char buffer[1024];
-    std::fprintf(stderr, "\033[1;31m[zol][%s:%s][%d];\033[0m\n", path != nullptr ? path : "(null)",
+    (void)std::fprintf(stderr, "\033[1;31m[zol][%s:%s][%d];\033[0m\n", path != nullptr ? path : "(null)",
                  strerror_r(error, buffer, sizeof(buffer)), error);
     return false;
 }
-// NOLINTEND(cert-err33-c)
 
 bool FindZOLDiableFile()
 {
