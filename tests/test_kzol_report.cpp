@@ -22,7 +22,7 @@ static std::string q(const std::string& s)
 static int kzol(const std::string& args, std::string* out = nullptr)
 { return run("timeout -s KILL 30 " + q(KZOL_TOOL) + " " + args + " </dev/null 2>/dev/null", out); }
 
-// `kzol listen ARGS` in the background, killed after 15 seconds, its standard
+// `kzol listen ARGS` in the background, killed after 60 seconds, its standard
 // output and error in the files PATH.out and PATH.err. `listening` tells
 // whether it held the name within 10 seconds of the start. A signal sent goes
 // to the listener once (timeout in the foreground does not repeat it to the
@@ -31,7 +31,7 @@ struct Listener {
     Listener(const std::string& path, const std::string& args) : path(path)
     {
         status = std::async(std::launch::async, [path, args] {
-            return run("echo $$ >" + q(path + ".pid") + "; exec timeout --foreground -s KILL 15 " + q(KZOL_TOOL) +
+            return run("echo $$ >" + q(path + ".pid") + "; exec timeout --foreground -s KILL 60 " + q(KZOL_TOOL) +
                        " listen " + args + " </dev/null >" + q(path + ".out") + " 2>" + q(path + ".err"));
         });
         listening = run("for i in $(seq 1000); do grep -qs 'listening on SfDaemon/UserMsg' " + q(path + ".err") +
