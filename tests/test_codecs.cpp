@@ -1,5 +1,4 @@
 // Base64 and MPI string codecs, through the library's exported functions.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>

@@ -1,13 +1,14 @@
 // The exported entry points on an emulated television: every outcome of the
 // decision sequence, with its answer, the report that reached the daemon,
 // the exact log lines, and which parts of the device were looked at.
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <regex>
+#include <map>
+#include <set>
+#include <sstream>
 #include <thread>
 
 #include "daemon.h"
@@ -21,10 +22,6 @@ namespace {
 
 const std::string c_script = "#!/bin/sh\necho 'from the user area'\n";
 
-std::string policyLine(const std::string& text)
-{
-    return errorLine("main.cpp", "verifyFileWihtoutKey", text);
-}
 // A signature check's line; "DUID ..." outcomes are the certificate's.
 std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller = "loader")
 {
@@ -58,7 +55,7 @@ struct Files {
                 tampered = put(area + "/tampered.sh", changed(good, 5)),
                 typeL = put(area + "/type-l.sh", signedFile(c_script, "L50", devPrivateKey('5'))),
                 outsider = put(outside + "/outside.sh", c_script);
-    ~Files() { run("rm -rf '" + area + "' '" + outside + "'"); }
+    ~Files() { run("rm -rf " + shq(area) + " " + shq(outside)); }
 };
 
 // What the policy reads on a television: the modules, a USB walk over
@@ -113,7 +110,8 @@ TEST(Policy, Outcomes)
         std::string err = {};
     };
     const std::vector<Case> cases = {
-        {"missing file", {}, 0, "", {policyLine(missing + " does not exist;")}, "", missing},
+        {"missing file", {}, 0, "", {errorLine("main.cpp", "verifyFileWihtoutKey", missing + " does not exist;")}, "",
+         missing},
         {"outside the areas", {}, 1, "", {}, "", f.outsider},
         {"not a television", {{"modules", "sdp 1 0 - Live 0x0\nxmicom 1 0\n"}}, 1, "", {}, "fopen /proc/modules\n"},
         {"isolated container", {isolated}, 1, "", {isolatedLine(2)}, tv},
@@ -152,15 +150,19 @@ TEST(Policy, Outcomes)
         EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), c.caller), c.answer) << c.name;
         Lines log = c.log;
         for (auto& line : log) {
-            line = std::regex_replace(line, std::regex("@"), device.path() + "/usb");
+            for (auto at = line.find('@'); at != std::string::npos; at = line.find('@')) {
+                line.replace(at, 1, device.path() + "/usb");
+            }
         }
         EXPECT_EQ(LogRecorder::lines(), log) << c.name;
         EXPECT_EQ(device.takeTrace(), c.trace) << c.name;
         const std::string caller = c.caller ? c.caller : "NULL",
-                          path = c.result.empty() ? "" : std::filesystem::canonical(file).string();
-        const Lines report = {reportText(1, caller, "SCRIPT", "ver:\"1\",subject:\"" + path + "\",object:\"" + caller +
-                                                                  "\",result:\"" + c.result + "\",", path)};
-        EXPECT_EQ(unsequenced(daemon.drain()), c.result.empty() ? Lines{} : report) << c.name;
+                          path = c.result.empty() ? "" : std::filesystem::canonical(file).string(),
+                          description = "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"";
+        EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
+                                                   : Lines{frame(reportText(1, caller, "SCRIPT",
+                                                                            description + c.result + "\",", path))})
+            << c.name;
         // verifyFile answers the same whatever its first argument.
         EXPECT_EQ(verifyFile(nullptr, file.c_str(), c.caller), c.answer) << c.name;
         EXPECT_EQ(err.finish(), c.err + c.err) << c.name;
@@ -170,18 +172,21 @@ TEST(Policy, Outcomes)
     const DeviceProfile device;
     LogRecorder::clear();
     EXPECT_EQ(verifyFileWihtoutKey(f.unsignedOne.c_str(), "loader"), 0);
-    const std::string failed = policyLine("[zol][loader]! : \033[1;31mSendRequest Notification Error\033[0m");
+    const std::string failed = errorLine("main.cpp", "verifyFileWihtoutKey",
+                                         "[zol][loader]! : \033[1;31mSendRequest Notification Error\033[0m");
     EXPECT_EQ(LogRecorder::lines(), (Lines{notSigned, c_noDaemonLines[0], c_noDaemonLines[1], failed}));
 }
 
-// Threads at once through the certificate step: the certificate lets every
-// file run (ThreadSanitizer watches the step's shared path).
-TEST(Policy, ManyThreadsThroughTheCertificateStep)
+// Threads at once through the certificate step (with a certificate for
+// another device) and the reports: each file gets its answer and its report,
+// and the trace of the emulation holds whole lines, the full sequence for
+// each file in the areas.
+TEST(Policy, ManyThreadsAtOnce)
 {
     const Files f;
     DeviceProfile device;
-    unsetenv("KZOL_EMULATE_TRACE");
-    device.set("usb/a/RTZOLOFF.cer", certificate(DeviceProfile::c_deviceId, "P50", devPrivateKey('5')).c_str());
+    device.set("usb/a/RTZOLOFF.cer", certificate("DUID-OTHER", "P50", devPrivateKey('5')).c_str());
+    DaemonListener daemon;
     const Lines files = {f.signedOne, f.unsignedOne, f.tampered, f.outsider, f.typeL};
     std::atomic<int> allowed{0};
     std::vector<std::thread> threads;
@@ -195,5 +200,26 @@ TEST(Policy, ManyThreadsThroughTheCertificateStep)
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(allowed, 8 * 20);
+    EXPECT_EQ(allowed, 2 * 32);  // each file 32 times: the signed one and the one outside run
+    std::multiset<std::string> reports, expected;
+    for (const auto& stream : daemon.drain()) {
+        reports.insert(stream);
+    }
+    for (const auto& [file, result] : std::map<std::string, std::string>{
+             {f.unsignedOne, "BS_NOT_SIGNED"}, {f.tampered, "BS_SIGNATURE_INCORRECT"}, {f.typeL, "BS_ERROR"}}) {
+        const std::string description = "ver:\"1\",subject:\"" + file + "\",object:\"thread\",result:\"" + result + "\",";
+        for (int n = 0; n < 32; ++n) {
+            expected.insert(frame(reportText(1, "thread", "SCRIPT", description, file)));
+        }
+    }
+    EXPECT_EQ(reports, expected);
+    std::map<std::string, int> counts, sequence;
+    std::istringstream trace(device.takeTrace()), step(tvTrace(1, true));
+    for (std::string line; std::getline(trace, line);) {
+        ++counts[line];
+    }
+    for (std::string line; std::getline(step, line);) {
+        sequence[line] = 4 * 32;
+    }
+    EXPECT_EQ(counts, sequence);
 }

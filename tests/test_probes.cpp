@@ -1,13 +1,11 @@
 // The device probes on an emulated device: user-writable areas, the
 // television test, the zone file, user IDs, readability and the certificate
 // search.
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <tuple>
 
 #include "bs_context.h"
@@ -18,28 +16,23 @@
 using namespace kzol_test;
 using Lines = std::vector<std::string>;
 
-namespace {
-
-// Files made for one test anywhere, removed with the directories they needed.
+// Files made for one test anywhere, removed with the directories made for them.
 struct MadeFiles {
     std::string removal = "rm -rf";
     ~MadeFiles() { run(removal); }
-    // A file at `path` (a link to `target` when given), with the directories
-    // it needs.
+    // A file at `path`, or a link to `target` when one is given.
     std::string operator()(const std::string& path, const std::string& target = {})
     {
         std::string top = path;  // the outermost of the things made
         while (top.rfind('/') > 0 && access(top.substr(0, top.rfind('/')).c_str(), F_OK) != 0) {
-            top = top.substr(0, top.rfind('/'));
+            top.erase(top.rfind('/'));
         }
-        removal += " '" + top + "'";
-        std::filesystem::create_directories(path.substr(0, path.rfind('/')));
-        target.empty() ? writeFile(path, "x") : (void)symlink(target.c_str(), path.c_str());
+        removal += " " + shq(top);
+        writeFile(path, "x");
+        EXPECT_TRUE(target.empty() || (unlink(path.c_str()) == 0 && symlink(target.c_str(), path.c_str()) == 0));
         return path;
     }
 };
-
-}  // namespace
 
 TEST(Probes, UserWritableAreas)
 {
@@ -96,6 +89,7 @@ TEST(Probes, TelevisionTestReadsFiveCharacterPieces)
 
 TEST(Probes, ZoneFile)
 {
+    const auto failed = [](const char* text) { return errorLine("securezone_context.cpp", "getContainerInformation", text); };
     // The zone file (null: none), whether it is read, the level and type read.
     for (const auto& [zone, read, level, type] : std::vector<std::tuple<const char*, bool, int, int>>{
              {"0 1\n", true, 0, 1}, {"  7\n\t1 trailing", true, 7, 1}, {"3 0\n", true, 3, 0}, {"x", false, -9, -9},
@@ -107,7 +101,6 @@ TEST(Probes, ZoneFile)
         const char* name = zone != nullptr ? zone : "none";
         EXPECT_EQ(context.getContainerInformation(content), read) << name;
         EXPECT_EQ(std::make_pair(content.level, content.type), std::make_pair(level, type)) << name;
-        const auto failed = [](const char* text) { return errorLine("securezone_context.cpp", "getContainerInformation", text); };
         LogRecorder::clear();
         EXPECT_EQ(context.isIsolatedContainer(), read && type == 1) << name;
         EXPECT_EQ(LogRecorder::lines(), !zone ? Lines{failed("Failed to open zone file")}
@@ -116,7 +109,7 @@ TEST(Probes, ZoneFile)
     }
 }
 
-TEST(Probes, RootUserIds)
+TEST(Probes, UserIdsReadabilityAndCertificateSearch)
 {
     // The user IDs, whether they are root's, what was asked.
     for (const auto& [ids, root, trace] : std::vector<std::tuple<const char*, bool, const char*>>{
@@ -128,10 +121,6 @@ TEST(Probes, RootUserIds)
         EXPECT_EQ(SecureZoneContext("/proc/self/zone").isRootUID(), root) << ids;
         EXPECT_EQ(device.takeTrace(), trace) << ids;
     }
-}
-
-TEST(Probes, ReadabilityAndCertificateSearch)
-{
     DeviceProfile device;
     StderrCapture err;
     EXPECT_FALSE(isFileExists((device.path() + "/gone").c_str()));
