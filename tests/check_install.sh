@@ -20,4 +20,3 @@ check "$work/consumer-pc"
 cmake -S "$source/tests/consumer" -B "$work/cmake-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 check "$work/cmake-build/consumer"
-echo "installed tree: pkg-config and find_package consumers built and answered"

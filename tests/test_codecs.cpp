@@ -91,7 +91,7 @@ TEST(MpiString, RefusalsAndTheirLog)
         kzol_test::LogRecorder::clear();
         ByteBuffer data{0xEE};
         EXPECT_TRUE(fromMPIString(ByteBuffer(c.input.begin(), c.input.end()), data) == c.result && data == c.data &&
-                    kzol_test::LogRecorder::lines() == std::vector<std::string>(c.logged ? 1 : 0, bad))
+                    kzol_test::LogRecorder::lines() == kzol_test::Lines(c.logged ? 1 : 0, bad))
             << c.input;
     }
 }

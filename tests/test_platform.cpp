@@ -11,20 +11,18 @@
 #include <usb_device.h>
 #include <vconf.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <tuple>
 
 #include "signature.h"
-#include "string_utils.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace kzol_test;
 namespace fs = std::filesystem;
-using Strings = std::vector<std::string>;
 using Text = std::optional<std::string>;  // nullopt: NULL, or an open that failed
 
 // Sets (nullopt: unsets) an environment variable until the end of the scope.
@@ -39,17 +37,10 @@ struct EnvVar {
 // A string from the platform, released with free().
 Text take(char* value) { const Text text = value ? Text(value) : Text(); std::free(value); return text; }
 
-Text drain(FILE* file)  // the whole stream, closed after reading
-{
-    std::string text;
-    for (int c; file && (c = std::fgetc(file)) != EOF;) text += static_cast<char>(c);
-    return file && std::fclose(file) == 0 ? Text(text) : Text();
-}
-
 // One walk of the USB service, as the policy makes it: the answers of init
 // and of the walk, the mount path of each device visited ("<null>" for none),
 // the last device.
-struct Walk { int init, result; Strings devices; usb_device_s* last; };
+struct Walk { int init, result; Lines devices; usb_device_s* last; };
 Walk walk()
 {
     Walk w{usb_device_init(), 0, {}, nullptr};
@@ -99,25 +90,14 @@ TEST(UsbStandIn, VisitsTheMountsOfUsbBlockDevicesInTableOrder)
     EnvVar sys("KZOL_USB_SYSFS", sysfs.path()), table("KZOL_USB_MOUNTINFO", scratch.file("mountinfo"));
     const Walk usb = walk();
     EXPECT_TRUE(usb.init == 0 && usb.result == 0);
-    EXPECT_EQ(usb.devices, (Strings{"/media/b", "/media/my stick\\x", "/media/a"}));  // in table order
+    EXPECT_EQ(usb.devices, (Lines{"/media/b", "/media/my stick\\x", "/media/a"}));  // in table order
 }
 
 TEST(Emulation, AnswersFromTheProfile)
 {
     TempDir profile;
-    writeFile(profile.file("vconf/db/comss/hwduid"), "ABC123\n");
-    writeFile(profile.file("zone"), "0 1\n");
     const uid_t ruid = getuid(), euid = geteuid();
     EnvVar env("KZOL_PROFILE", profile.path());
-    EXPECT_EQ(take(vconf_get_str("db/comss/hwduid")), Text("ABC123"));
-    // fopen64 as fopen: the profile's files stand for the two /proc files; other paths pass.
-    for (const auto& [path, content] : std::map<std::string, Text>{
-             {"/proc/modules", {}}, {"/proc/self/zone", "0 1\n"}, {profile.file("zone"), "0 1\n"}, {"/no/such", {}}}) {
-        errno = 0;
-        FILE* file = fopen64(path.c_str(), "r");
-        EXPECT_EQ(file ? 0 : errno, content ? 0 : ENOENT) << path;
-        EXPECT_EQ(drain(file), content) << path;
-    }
     const std::vector<std::tuple<Text, uid_t, uid_t>> uids = {  // uid file (nullopt: none), getuid, geteuid
         {{}, ruid, euid}, {"", ruid, euid}, {"root", ruid, euid}, {"1 2 3", ruid, euid}, {"-1", ruid, euid},
         {"4294967295", ruid, euid}, {"12x", ruid, euid},  // no user IDs: the process's own
@@ -134,7 +114,7 @@ TEST(Emulation, AnswersFromTheProfile)
         fs::create_directories(u + name);
     }
     for (const char* name : {"B.nomount", "notes.txt", ".x.nomount"}) writeFile(u + name, "");
-    const Strings expected = {u + "0", "<null>", u + "Z", u + "a", u + "a-stick", u + "b",  // in name order
+    const Lines expected = {u + "0", "<null>", u + "Z", u + "a", u + "a-stick", u + "b",  // in name order
                               u + "b-stick", u + "c", u + "k", u + "m", u + "x", u + "y"};  // "<null>": B.nomount
     // .foreach-result: the walk's answer after visiting; -1 when it holds no number.
     for (const auto& [text, result] : std::map<std::string, int>{{"", 0}, {"-5\n", -5}, {"3", 3}, {"fail", -1}}) {
@@ -148,9 +128,9 @@ TEST(Emulation, AnswersFromTheProfile)
     EXPECT_EQ(getuid(), ruid);
 }
 
-// The library's own check of a certificate is in test_kzol_report; here the
-// openssl command checks that the signature is over the identifier alone.
-TEST(KzolCert, SignsTheDeviceIdentifierOnly)
+// The library's own check of a certificate (a signature over the identifier
+// alone) is in test_kzol_report.
+TEST(KzolCert, WritesTheCertificateOnce)
 {
     TempDir scratch;
     const std::string duid = "T-KTM2 SERIAL#0001", key = "cert --key " + shq(devPrivateKey('6')) + " --key-id 6";
@@ -158,14 +138,9 @@ TEST(KzolCert, SignsTheDeviceIdentifierOnly)
     const std::string cert = scratch.file("RTZOLOFF.cer"), before = readFile(cert);
     Signature block;
     _ZolSigMeta meta{};
-    ByteBuffer raw;
-    ASSERT_TRUE(block.loadFromFile(cert, meta) && fromMPIString(block, raw));
+    ASSERT_TRUE(block.loadFromFile(cert, meta));
     EXPECT_EQ(std::string({meta.sigType, meta.keyId}), "P6");
     EXPECT_EQ(before.substr(0, block.offset()), "kZOL disable certificate for device " + duid + "\nP60");
-    writeFile(scratch.file("sig"), std::string(raw.begin(), raw.end()));
-    writeFile(scratch.file("data"), duid);
-    EXPECT_EQ(run("openssl dgst -sha256 -verify " + shq(devPublicKey('6')) + " -signature " + shq(scratch.file("sig")) +
-                  " " + shq(scratch.file("data")) + " >/dev/null"), 0);
     // Kept without --force, and from an empty identifier.
     EXPECT_EQ(kzol(key + " --duid " + shq(duid) + " -o " + shq(cert)), 1);
     EXPECT_EQ(kzol(key + " --force --duid '' -o " + shq(cert)), 2);
@@ -189,13 +164,9 @@ TEST(KzolProfile, InitWritesTheLayout)
                          {"vconf", "/"}, {"vconf/db", "/"}, {"vconf/db/comss", "/"},
                          {"vconf/db/comss/hwduid", "ABC123\n"}, {"zone", "0 1\n"}, {"uid", "5000 0\n"}, {"usb", "/"},
                          {"usb/s0", "/"}, {"usb/s1", "/"}}));
-    ASSERT_EQ(kzol("profile init pc --uid 7", nullptr, at), 0);  // a PC's, with only what is asked for
-    EXPECT_EQ(readFile(scratch.file("pc/modules")).find("micom"), std::string::npos);
-    EXPECT_EQ(readFile(scratch.file("pc/uid")), "7\n");
-    EXPECT_EQ(std::distance(fs::directory_iterator(scratch.file("pc")), {}), 2);
     EXPECT_EQ(kzol("profile init tv", nullptr, at), 1);  // only in a new or empty directory, only with valid values
     for (const std::string args :
-         {"pc/uid", "new --zone 1", "new --uid 4294967295", "new --usb a/b", "new --usb .x", "new --usb a --usb a"}) {
+         {"tv/uid", "new --zone 1", "new --uid 4294967295", "new --usb a/b", "new --usb .x", "new --usb a --usb a"}) {
         EXPECT_EQ(kzol("profile init " + args, nullptr, at), 2) << args;
     }
     EXPECT_FALSE(fs::exists(scratch.file("new")));

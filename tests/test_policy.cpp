@@ -6,9 +6,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <map>
-#include <set>
-#include <sstream>
 #include <thread>
 
 #include "daemon.h"
@@ -16,7 +13,6 @@
 #include "kZOLUser.h"
 
 using namespace kzol_test;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -31,31 +27,26 @@ std::string checkLine(const std::string& outcome, const std::string& path, const
                              " [ file_path : " + path + " ]\033[0m";
     return correct ? infoLine("bs_context.cpp", function, text) : errorLine("bs_context.cpp", function, text);
 }
-std::string put(const std::string& path, const std::string& content)
-{
-    writeFile(path, content);
-    return path;
-}
 std::string changed(std::string text, std::size_t at)
 {
     text[at] ^= 1;
     return text;
 }
-std::string madeDir(std::string pattern)
-{
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    return std::filesystem::canonical(pattern);
-}
-
 // Files in a user-writable area (under /tmp) and outside (under /var/tmp).
 struct Files {
-    std::string area = madeDir("/tmp/kzol-policy-XXXXXX"), outside = madeDir("/var/tmp/kzol-policy-XXXXXX");
-    std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
-    std::string signedOne = put(area + "/signed.sh", good), unsignedOne = put(area + "/unsigned.sh", c_script),
-                tampered = put(area + "/tampered.sh", changed(good, 5)),
-                typeL = put(area + "/type-l.sh", signedFile(c_script, "L50", devPrivateKey('5'))),
-                outsider = put(outside + "/outside.sh", c_script);
-    ~Files() { run("rm -rf " + shq(area) + " " + shq(outside)); }
+    const TempDir areaDir{"/tmp"}, outsideDir{"/var/tmp"};
+    const std::string area = std::filesystem::canonical(areaDir.path()), outside = outsideDir.path();
+    const std::string signedOne = area + "/signed.sh", unsignedOne = area + "/unsigned.sh",
+                      tampered = area + "/tampered.sh", typeL = area + "/type-l.sh", outsider = outside + "/outside.sh";
+    Files()
+    {
+        const std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
+        writeFile(signedOne, good);
+        writeFile(unsignedOne, c_script);
+        writeFile(tampered, changed(good, 5));
+        writeFile(typeL, signedFile(c_script, "L50", devPrivateKey('5')));
+        writeFile(outsider, c_script);
+    }
 };
 
 // What the policy reads on a television: the modules, a USB walk over
@@ -178,9 +169,8 @@ TEST(Policy, Outcomes)
 }
 
 // Threads at once through the certificate step (with a certificate for
-// another device) and the reports: each file gets its answer and its report,
-// and the trace of the emulation holds whole lines, the full sequence for
-// each file in the areas.
+// another device) and the reports, for ThreadSanitizer to watch: each file
+// gets its answer and each refusal its report.
 TEST(Policy, ManyThreadsAtOnce)
 {
     const Files f;
@@ -201,25 +191,5 @@ TEST(Policy, ManyThreadsAtOnce)
         thread.join();
     }
     EXPECT_EQ(allowed, 2 * 32);  // each file 32 times: the signed one and the one outside run
-    std::multiset<std::string> reports, expected;
-    for (const auto& stream : daemon.drain()) {
-        reports.insert(stream);
-    }
-    for (const auto& [file, result] : std::map<std::string, std::string>{
-             {f.unsignedOne, "BS_NOT_SIGNED"}, {f.tampered, "BS_SIGNATURE_INCORRECT"}, {f.typeL, "BS_ERROR"}}) {
-        const std::string description = "ver:\"1\",subject:\"" + file + "\",object:\"thread\",result:\"" + result + "\",";
-        for (int n = 0; n < 32; ++n) {
-            expected.insert(frame(reportText(1, "thread", "SCRIPT", description, file)));
-        }
-    }
-    EXPECT_EQ(reports, expected);
-    std::map<std::string, int> counts, sequence;
-    std::istringstream trace(device.takeTrace()), step(tvTrace(1, true));
-    for (std::string line; std::getline(trace, line);) {
-        ++counts[line];
-    }
-    for (std::string line; std::getline(step, line);) {
-        sequence[line] = 4 * 32;
-    }
-    EXPECT_EQ(counts, sequence);
+    EXPECT_EQ(daemon.drain().size(), 3u * 32);
 }

@@ -14,7 +14,6 @@
 #include "securezone_context.h"
 
 using namespace kzol_test;
-using Lines = std::vector<std::string>;
 
 // Files made for one test anywhere, removed with the directories made for them.
 struct MadeFiles {
@@ -71,8 +70,7 @@ TEST(Probes, TelevisionTestReadsFiveCharacterPieces)
 {
     // The modules (null: no /proc/modules), whether that makes a television.
     const std::vector<std::pair<const char*, bool>> cases = {
-        {"micom_drv 16384 2 - Live 0xffffffffc0a00000\n", true},  // the name at position 0
-        {"sdp_gpio 16384 0 - Live 0x0\nmicom 1236992 0 - Live 0x0\n", true},
+        {"sdp_gpio 16384 0 - Live 0x0\nmicom_drv 1236992 0 - Live 0x0\n", true},  // a name that begins so
         {"ab micom 1 0\n", false},  // position 3
         {"1234micom\n", false},
         {"abcdemicom 1 0\n", true},
@@ -126,8 +124,4 @@ TEST(Probes, UserIdsReadabilityAndCertificateSearch)
     EXPECT_FALSE(isFileExists((device.path() + "/gone").c_str()));
     EXPECT_EQ(err.finish(), "\033[1;31m[zol][" + device.path() + "/gone:" + std::strerror(ENOENT) + "][" +
                                 std::to_string(ENOENT) + "];\033[0m\n");
-    EXPECT_FALSE(FindZOLDiableFile());
-    device.set("usb/s/RTZOLOFF.cer", "any content");
-    EXPECT_TRUE(FindZOLDiableFile());
-    EXPECT_EQ(GetDUID(), DeviceProfile::c_deviceId);
 }

@@ -39,7 +39,7 @@ TEST(SignatureLoad, CraftedFiles)
         std::string file;
         unsigned int offset;  // 0: not loaded
         std::string meta;     // type and selector
-        std::vector<std::string> log;
+        Lines log;
         off_t grow = 0;  // bytes added after the file (sparse)
     };
     const std::vector<Case> cases = {
@@ -94,30 +94,17 @@ TEST(SignatureLoad, CraftedFiles)
             EXPECT_EQ(std::string(tail.begin(), tail.end()), text + lengthField(text.size()) + ":ZOL") << c.name;
         }
     }
+    // No file, and the steps without one. An empty text composes nothing: no
+    // length field claims a text that is not there.
     LogRecorder::clear();
     EXPECT_FALSE(signature.loadFromFile(dir.file("missing"), meta));
-    EXPECT_EQ(LogRecorder::lines(), std::vector<std::string>{errorLine("signature.cpp", "loadFromFile",
-        "Signature::loadFromFile(): failed to open [" + dir.file("missing") + "] for reading")});
-}
-
-TEST(SignatureObject, CopiesEmptyTextAndNullSteps)
-{
-    ByteBuffer mpi, tail{1, 2, 3};
-    ASSERT_TRUE(toMPIString(ByteBuffer{0xDE, 0xAD}, mpi));
-    const Signature original(mpi, 42);
-    Signature assigned;
-    assigned = original;
-    assigned = assigned;  // self-assignment changes nothing
-    for (const Signature& s : {Signature(original), assigned}) {
-        EXPECT_TRUE(s.offset() == 42u && static_cast<const ByteBuffer&>(s) == mpi);
-    }
-    // An empty text composes nothing: no length field claims a text that is not there.
+    EXPECT_EQ(signature.getFileSize(nullptr), 0u);
+    EXPECT_FALSE(signature.readFromFile(nullptr, 0, &meta, 1));
+    EXPECT_EQ(LogRecorder::lines(), (Lines{errorLine("signature.cpp", "loadFromFile", "Signature::loadFromFile(): failed to open [" +
+                                                   dir.file("missing") + "] for reading"),
+                                         errorLine("signature.cpp", "getFileSize", "Signature::getFileSize(): pFile is NULL"),
+                                         c_nullArguments}));
+    ByteBuffer tail{1, 2, 3};
     Signature().composeSignature(tail);
     EXPECT_TRUE(tail.empty());
-    LogRecorder::clear();
-    EXPECT_EQ(original.getFileSize(nullptr), 0u);
-    EXPECT_FALSE(original.readFromFile(nullptr, 0, mpi.data(), 4));
-    EXPECT_EQ(LogRecorder::lines(), (std::vector<std::string>{errorLine("signature.cpp", "getFileSize",
-                                                                        "Signature::getFileSize(): pFile is NULL"),
-                                                              c_nullArguments}));
 }

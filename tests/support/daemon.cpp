@@ -1,7 +1,6 @@
 #include "daemon.h"
 
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -37,9 +36,9 @@ DaemonListener::DaemonListener() : m_socket(abstractSocket("SfDaemon/UserMsg", t
     EXPECT_GE(m_socket.fd, 0) << "cannot listen on the daemon's name: " << std::strerror(errno);
 }
 
-std::vector<std::string> DaemonListener::drain()
+Lines DaemonListener::drain()
 {
-    std::vector<std::string> received;
+    Lines received;
     for (int connection; (connection = accept4(m_socket.fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         std::string bytes;
         char buffer[65536];

@@ -5,9 +5,6 @@
 
 #include <cstdint>
 #include <ctime>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "test_support.h"
 
@@ -35,7 +32,7 @@ public:
     // Releases the name: connections fail from then on.
     void stop() { m_socket = Fd(); }
     // The bytes of every connection queued since the last drain, in order.
-    std::vector<std::string> drain();
+    Lines drain();
 
 private:
     Fd m_socket;
@@ -51,7 +48,7 @@ std::string frame(const std::string& text);  // prefix, text, a zero byte
 std::string reportText(int kind, const std::string& caller, const std::string& fileType,
                        const std::string& description, const std::string& path, const std::string& sequence = "0102034");
 // The lines logged when nothing listens on the daemon's name.
-const std::vector<std::string> c_noDaemonLines = {
+const Lines c_noDaemonLines = {
     errorLine("UnixSocket.cpp", "ConnectToHost", "connect() error ;"),
     errorLine("bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;")};
 

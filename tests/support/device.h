@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
 #include "test_support.h"
 

@@ -73,9 +73,8 @@ std::string infoLine(const std::string& file, const std::string& function, const
 std::string warnLine(const std::string& file, const std::string& function, const std::string& text)
 { return line('W', file, function, "\033[33m", text); }
 
-TempDir::TempDir()
+TempDir::TempDir(const char* base)
 {
-    const char* base = std::getenv("TMPDIR");
     m_path = std::string(base && *base ? base : "/tmp") + "/kzol-test-XXXXXX";
     EXPECT_NE(mkdtemp(m_path.data()), nullptr) << m_path;
 }
@@ -101,17 +100,13 @@ std::string readFile(const std::string& path)
 
 int run(const std::string& command, std::string* output)
 {
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return -1;
-    }
     std::string scratch, &text = output != nullptr ? *output : scratch;
     text.clear();
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-        text.append(buffer, n);
+    FILE* pipe = popen(command.c_str(), "r");
+    for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) {
+        text += static_cast<char>(c);
     }
-    const int status = pclose(pipe);
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 

@@ -5,11 +5,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace kzol_test {
+
+using Lines = std::vector<std::string>;
 
 // Every __dlog_print call of the library lands here (the test program defines
 // __dlog_print, which takes precedence over the platform's library). Lines are
@@ -39,10 +42,11 @@ private:
     bool m_capturing = true;
 };
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
+// A fresh directory under `base` ($TMPDIR or /tmp by default), removed with
+// its contents.
 class TempDir {
 public:
-    TempDir();
+    explicit TempDir(const char* base = std::getenv("TMPDIR"));
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
