@@ -109,9 +109,9 @@ TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
         std::string text, json;
         EXPECT_EQ(kzol("inspect target", &text, dir.path(), true), c.status);
         EXPECT_NE(text.find(c.says), std::string::npos) << text;
-        EXPECT_EQ(run("cd " + shq(dir.path()) + " && " + shq(KZOL_TOOL) + " inspect --json target 2>/dev/null | python3 -c"
-                      " 'import json,sys; d=json.load(sys.stdin); print(json.dumps([d[k] for k in sys.argv[1:]]))'"
-                      " loaded offset type key_id signature_length trailing_blanks reason", &json), 0);
+        EXPECT_EQ(run("cd " + shq(dir.path()) + " && " + shq(KZOL_TOOL) + " inspect --json target 2>/dev/null |"
+                      " python3 -c 'import json,sys; d=json.load(sys.stdin); print(json.dumps([d[k] for k in"
+                      " sys.argv[1:]]))' loaded offset type key_id signature_length trailing_blanks reason", &json), 0);
         EXPECT_EQ(json, std::string(c.json) + "\n");
     }
 }

@@ -9,16 +9,16 @@
 
 using namespace kzol_test;
 
-// `kzol listen ARGS` in the background, its standard error in the file
-// `errors`; `timeout` ends it with SIGTERM after `seconds` (and kills it 10
-// seconds later) and answers its own status. `listening` tells whether it
-// held the name within 10 seconds of the start.
+// `kzol listen ARGS` in the background, its standard error in a file;
+// `timeout` ends it with SIGTERM after `seconds` (and kills it 10 seconds
+// later) and answers its own status. `listening` tells whether it held the
+// name within 10 seconds of the start.
 struct Listener {
-    Listener(const std::string& errors, const std::string& args, int seconds = 15) : errors(errors)
+    explicit Listener(const std::string& args, int seconds = 15)
     {
         status = std::async(std::launch::async, [this, args, seconds] {
             return run("timeout --preserve-status -k 10 " + std::to_string(seconds) + " " + shq(KZOL_TOOL) + " listen " +
-                       args + " </dev/null 2>" + shq(this->errors), &printed);
+                       args + " </dev/null 2>" + shq(errors), &printed);
         });
         listening = run("for i in $(seq 1000); do grep -qs 'listening on SfDaemon/UserMsg' " + shq(errors) +
                         " && exit 0; sleep 0.01; done; exit 1") == 0;
@@ -34,7 +34,9 @@ struct Listener {
         }
         return printed;
     }
-    std::string errors, printed;
+    const TempDir dir;
+    const std::string errors = dir.file("errors");
+    std::string printed;
     std::future<int> status;
     bool listening = false;
 };
@@ -51,7 +53,6 @@ static std::string reportLine(int kind, const std::string& caller, const std::st
 
 TEST(KzolReport, ReportsReachTheListener)
 {
-    const TempDir dir;
     const std::string said = "say \\\"hi\\\" \\\\";  // JSON-escaped
     const std::vector<std::pair<std::string, std::string>> argsAndLines = {
         {"--caller c4 --type 4", ""},  // no kind bit: nothing sent
@@ -59,7 +60,7 @@ TEST(KzolReport, ReportsReachTheListener)
          reportLine(1, "c3", said, "SCRIPT", "/no/x") + reportLine(2, "c3", said, "SCRIPT", "/no/x")},
         {"--type 1", reportLine(1, "")},  // options left out are null pointers: empty texts
     };
-    Listener listener(dir.file("listen"), "--json-lines --count 3");
+    Listener listener("--json-lines --count 3");
     ASSERT_TRUE(listener.listening) << listener.err();
     std::string expected;
     for (const auto& [args, lines] : argsAndLines) {
@@ -88,13 +89,11 @@ TEST(KzolListen, HostilePeersDoNotStopIt)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.says);
-        const TempDir dir;
-        const std::string count = c.printed.empty() ? "1" : "2";
         // Only the peers that stay open meet the short deadline; a closing one
         // must be told apart however slow the build (a sanitizer's allocator
         // takes its time over the 542 MB that "GET " asks for).
-        const std::string timeout = c.keepOpen ? "300" : "20000";
-        Listener listener(dir.file("listen"), "--json-lines --receive-timeout " + timeout + " --count " + count);
+        Listener listener("--json-lines --receive-timeout " + std::string(c.keepOpen ? "300" : "20000") + " --count " +
+                          (c.printed.empty() ? "1" : "2"));
         ASSERT_TRUE(listener.listening) << listener.err();
         const Fd peer = abstractSocket("SfDaemon/UserMsg", false);
         ASSERT_EQ(send(peer.fd, c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(c.bytes.size()));
@@ -108,8 +107,7 @@ TEST(KzolListen, HostilePeersDoNotStopIt)
 
 TEST(KzolListen, SigtermEndsItInsideAFrame)
 {
-    const TempDir dir;
-    Listener listener(dir.file("first"), "--receive-timeout 60000", 3);
+    Listener listener("--receive-timeout 60000", 3);
     ASSERT_TRUE(listener.listening) << listener.err();
     const Fd peer = abstractSocket("SfDaemon/UserMsg", false);
     const std::string partial = prefix(50) + "{";  // keeps the listener waiting inside a frame
@@ -135,6 +133,7 @@ TEST(KzolVerify, PrintsTheLibrarysResult)
         EXPECT_EQ(kzol("verify --caller tester " + shq(dir.file(c.name)), &out), c.status) << c.name;
         EXPECT_EQ(out, c.out) << c.name;
     }
+    EXPECT_EQ(kzol("verify " + shq(dir.file("missing"))), 2);
 }
 
 // The whole job through the shipped tools on an emulated television: a signed
@@ -144,11 +143,10 @@ TEST(KzolCheck, SignCheckAndDisableCertificate)
 {
     // An ASan-built tool takes the preloaded emulation after its runtime.
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
-    std::string work = "/tmp/kzol-device-XXXXXX", out;
-    ASSERT_NE(mkdtemp(work.data()), nullptr);
-    const TempDir profiles;
-    const std::string tv = profiles.file("tv"), signedScript = work + "/signed.sh",
-                      unsignedScript = work + "/unsigned.sh", check = "emulate " + shq(tv) + " -- " + shq(KZOL_TOOL);
+    const TempDir work("/tmp");  // a user-writable area
+    const std::string tv = work.file("tv"), signedScript = work.file("signed.sh"),
+                      unsignedScript = work.file("unsigned.sh"), check = "emulate " + shq(tv) + " -- " + shq(KZOL_TOOL);
+    std::string out;
     writeFile(signedScript, "#!/bin/sh\necho signed\n");
     writeFile(unsignedScript, "#!/bin/sh\necho unsigned\n");
     ASSERT_EQ(kzol("profile init " + shq(tv) + " --tv --duid TV-0042 --usb stick"), 0);
@@ -164,5 +162,4 @@ TEST(KzolCheck, SignCheckAndDisableCertificate)
         EXPECT_EQ(kzol(check + " check " + shq(script), &out), answer) << printed;
         EXPECT_EQ(out, printed);
     }
-    run("rm -rf " + shq(work));
 }

@@ -164,6 +164,10 @@ TEST(KzolProfile, InitWritesTheLayout)
                          {"vconf", "/"}, {"vconf/db", "/"}, {"vconf/db/comss", "/"},
                          {"vconf/db/comss/hwduid", "ABC123\n"}, {"zone", "0 1\n"}, {"uid", "5000 0\n"}, {"usb", "/"},
                          {"usb/s0", "/"}, {"usb/s1", "/"}}));
+    ASSERT_EQ(kzol("profile init pc --uid 7", nullptr, at), 0);  // a PC's, with only what is asked for
+    EXPECT_EQ(readFile(scratch.file("pc/modules")).find("micom"), std::string::npos);
+    EXPECT_EQ(readFile(scratch.file("pc/uid")), "7\n");
+    EXPECT_EQ(std::distance(fs::directory_iterator(scratch.file("pc")), {}), 2);
     EXPECT_EQ(kzol("profile init tv", nullptr, at), 1);  // only in a new or empty directory, only with valid values
     for (const std::string args :
          {"tv/uid", "new --zone 1", "new --uid 4294967295", "new --usb a/b", "new --usb .x", "new --usb a --usb a"}) {

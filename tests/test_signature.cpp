@@ -79,15 +79,18 @@ TEST(SignatureLoad, CraftedFiles)
     for (const auto& c : cases) {
         writeFile(path, c.file);
         ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(c.file.size()) + c.grow), 0);
-        LogRecorder::clear();
+        clearLog();
         EXPECT_EQ(signature.loadFromFile(path, meta), c.offset != 0) << c.name;
-        EXPECT_EQ(LogRecorder::lines(), c.log) << c.name;
+        EXPECT_EQ(loggedLines(), c.log) << c.name;
         if (c.offset != 0) {
             // The text as loaded: the bytes from the offset to the length field, and one NUL. Composed
             // again, it is followed by its length field and the footprint.
             const std::string text = c.file.substr(c.offset, c.file.rfind(":ZOL") - 8 - c.offset);
             ByteBuffer tail{1, 2, 3};
             signature.composeSignature(tail);
+            Signature assigned;
+            assigned = Signature(signature);  // a copy, assigned: the same text and offset
+            EXPECT_TRUE(assigned.offset() == c.offset && assigned == signature) << c.name;
             EXPECT_EQ(signature.offset(), c.offset) << c.name;
             EXPECT_EQ(std::string({meta.sigType, meta.keyId}), c.meta) << c.name;
             EXPECT_EQ(std::string(signature.begin(), signature.end()), text + '\0') << c.name;
@@ -96,14 +99,14 @@ TEST(SignatureLoad, CraftedFiles)
     }
     // No file, and the steps without one. An empty text composes nothing: no
     // length field claims a text that is not there.
-    LogRecorder::clear();
+    clearLog();
     EXPECT_FALSE(signature.loadFromFile(dir.file("missing"), meta));
     EXPECT_EQ(signature.getFileSize(nullptr), 0u);
     EXPECT_FALSE(signature.readFromFile(nullptr, 0, &meta, 1));
-    EXPECT_EQ(LogRecorder::lines(), (Lines{errorLine("signature.cpp", "loadFromFile", "Signature::loadFromFile(): failed to open [" +
-                                                   dir.file("missing") + "] for reading"),
-                                         errorLine("signature.cpp", "getFileSize", "Signature::getFileSize(): pFile is NULL"),
-                                         c_nullArguments}));
+    const std::string missing = "Signature::loadFromFile(): failed to open [" + dir.file("missing") + "] for reading";
+    EXPECT_EQ(loggedLines(), (Lines{errorLine("signature.cpp", "loadFromFile", missing),
+                                    errorLine("signature.cpp", "getFileSize", "Signature::getFileSize(): pFile is NULL"),
+                                    c_nullArguments}));
     ByteBuffer tail{1, 2, 3};
     Signature().composeSignature(tail);
     EXPECT_TRUE(tail.empty());

@@ -13,13 +13,6 @@ namespace kzol_test {
 
 timespec g_reportTime = {20000 * 86400L + 3723, 4999};
 
-Fd::~Fd()
-{
-    if (fd >= 0) {
-        close(fd);
-    }
-}
-
 Fd abstractSocket(const std::string& name, bool listening)
 {
     sockaddr_un address{AF_UNIX, {}};

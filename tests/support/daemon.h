@@ -3,6 +3,8 @@
 // "SfDaemon/UserMsg"; and the frames and texts the daemon receives.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <ctime>
 
@@ -16,7 +18,7 @@ struct Fd {
     explicit Fd(int f = -1) : fd(f) {}
     Fd(Fd&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
     Fd& operator=(Fd&& other) noexcept { std::swap(fd, other.fd); return *this; }
-    ~Fd();
+    ~Fd() { if (fd >= 0) close(fd); }
 };
 
 // A stream socket on the full 110-byte abstract address of `name`: listening

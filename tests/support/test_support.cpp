@@ -2,7 +2,6 @@
 
 #include <dlog.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdint>
@@ -17,11 +16,7 @@
 namespace {
 
 std::mutex g_logMutex;
-std::vector<std::string>& logLines()
-{
-    static std::vector<std::string> lines;
-    return lines;
-}
+kzol_test::Lines g_logLines;  // the library logs only when a test calls it
 
 std::string line(char prio, const std::string& file, const std::string& function, const char* colour,
                  const std::string& text)
@@ -52,17 +47,17 @@ extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt
     const char letter = prio == DLOG_INFO ? 'I' : prio == DLOG_WARN ? 'W' : prio == DLOG_ERROR ? 'E' : '?';
     std::string rendered = std::string(1, letter) + "/" + (tag ? tag : "") + ": " + withoutLine(n >= 0 ? text : "");
     const std::lock_guard<std::mutex> lock(g_logMutex);
-    logLines().push_back(std::move(rendered));
+    g_logLines.push_back(std::move(rendered));
     return n;
 }
 
 namespace kzol_test {
 
-void LogRecorder::clear()
-{ const std::lock_guard<std::mutex> lock(g_logMutex); logLines().clear(); }
+void clearLog()
+{ const std::lock_guard<std::mutex> lock(g_logMutex); g_logLines.clear(); }
 
-std::vector<std::string> LogRecorder::lines()
-{ const std::lock_guard<std::mutex> lock(g_logMutex); return logLines(); }
+Lines loggedLines()
+{ const std::lock_guard<std::mutex> lock(g_logMutex); return g_logLines; }
 
 std::string errorLine(const std::string& file, const std::string& function, const std::string& text)
 { return line('E', file, function, "\033[31m", text); }
@@ -72,6 +67,15 @@ std::string infoLine(const std::string& file, const std::string& function, const
 
 std::string warnLine(const std::string& file, const std::string& function, const std::string& text)
 { return line('W', file, function, "\033[33m", text); }
+
+std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller)
+{
+    const char* function = outcome.rfind("DUID", 0) == 0 ? "verifyFileWithDeviceId" : "verifyFile";
+    const bool correct = outcome.find("Correct") != std::string::npos;
+    const std::string text = "[zol][" + caller + (correct ? "] : \033[1;32m" : "]! : \033[1;31m") + outcome +
+                             " [ file_path : " + path + " ]\033[0m";
+    return correct ? infoLine("bs_context.cpp", function, text) : errorLine("bs_context.cpp", function, text);
+}
 
 TempDir::TempDir(const char* base)
 {

@@ -14,21 +14,22 @@ namespace kzol_test {
 
 using Lines = std::vector<std::string>;
 
-// Every __dlog_print call of the library lands here (the test program defines
+// Every __dlog_print call of the library is recorded (the test program defines
 // __dlog_print, which takes precedence over the platform's library). Lines are
 // rendered "<P>/<tag>: <message>" with the source line of the message prefix
 // replaced by "N", so that tests compare whole lines without depending on line
 // numbers.
-struct LogRecorder {
-    static void clear();
-    static std::vector<std::string> lines();
-};
+void clearLog();
+Lines loggedLines();
 
-// Expected platform-log lines, as LogRecorder renders them; `text` is the
+// Expected platform-log lines, as they are recorded; `text` is the
 // message after the prefix, without the priority's colour.
 std::string errorLine(const std::string& file, const std::string& function, const std::string& text);
 std::string infoLine(const std::string& file, const std::string& function, const std::string& text);
 std::string warnLine(const std::string& file, const std::string& function, const std::string& text);
+// The line of a signature check by `caller` with `outcome` ("Correct Signed",
+// "Not Signed", ...; "DUID ..." for a disable certificate).
+std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller = "loader");
 
 // Captures standard error (descriptor 2) until finish() or the end of the scope.
 class StderrCapture {
@@ -88,8 +89,8 @@ std::string devPublicKey(char selector);
 // status; `out` gets its standard output, and its standard error with `errors`.
 inline int kzol(const std::string& args, std::string* out = nullptr, const std::string& dir = ".", bool errors = false)
 {
-    return run("cd " + shq(dir) + " && " + shq(KZOL_TOOL) + " " + args + " </dev/null 2>" + (errors ? "&1" : "/dev/null"),
-               out);
+    const std::string command = shq(KZOL_TOOL) + " " + args + " </dev/null 2>" + (errors ? "&1" : "/dev/null");
+    return run("cd " + shq(dir) + " && " + command, out);
 }
 #endif
 
