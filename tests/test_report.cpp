@@ -6,8 +6,6 @@
 #include <dlfcn.h>
 #include <sys/socket.h>
 
-#include <atomic>
-
 #include "bs_context.h"
 #include "daemon.h"
 #include "kZOLUser.h"
@@ -17,7 +15,7 @@ using namespace kzol_test;
 // While set, each connection the process makes is shut for writing as soon as
 // it is made, so the report's write fails (EPIPE) as it does when the daemon
 // has gone.
-static std::atomic<bool> g_shutAfterConnect{false};
+static bool g_shutAfterConnect = false;
 
 extern "C" int connect(int fd, const sockaddr* address, socklen_t length)
 {
