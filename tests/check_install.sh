@@ -1,30 +1,22 @@
 #!/usr/bin/env bash
-# Installs the build tree into a fresh prefix and builds a small consumer
-# against it twice, with pkg-config and with find_package(kZOLUser); both must
-# link and answer: a file outside the user areas may run (1), a missing file
-# is refused (0).
-#   check_install.sh BUILD_DIR SOURCE_DIR
+# check_install.sh BUILD_DIR SOURCE_DIR: installs the build tree into a fresh
+# prefix and builds a small consumer against it with pkg-config and with
+# find_package(kZOLUser); both must run a file outside the user areas (1) and
+# refuse a missing one (0).
 set -euo pipefail
 build=$1 source=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-prefix=$work/prefix
-cmake --install "$build" --prefix "$prefix" >/dev/null
-libdir=$(dirname "$(find "$prefix" -name 'libkZOLUser.so' | head -1)")
-
-check() {  # check BINARY
+cmake --install "$build" --prefix "$work/prefix" >/dev/null
+libdir=$(dirname "$(find "$work/prefix" -name 'libkZOLUser.so' | head -1)")
+check() {
   [[ "$(LD_LIBRARY_PATH=$libdir "$1" /etc/passwd 2>/dev/null)" == 1 ]] || { echo "$1: outside file not allowed"; exit 1; }
   [[ "$(LD_LIBRARY_PATH=$libdir "$1" "$work/missing" 2>/dev/null)" == 0 ]] || { echo "$1: missing file not refused"; exit 1; }
 }
-
-# pkg-config; the library's own link needs are found through its runpath.
 export PKG_CONFIG_PATH=$libdir/pkgconfig
 [[ "$(pkg-config --modversion kzol)" == "$(sed -n 's/^project(kZOLUser VERSION \([0-9.]*\).*/\1/p' "$source/CMakeLists.txt")" ]]
 cc -o "$work/consumer-pc" "$source/tests/consumer/consumer.c" $(pkg-config --cflags --libs kzol)
 check "$work/consumer-pc"
-
-# find_package with the imported target.
-cmake -S "$source/tests/consumer" -B "$work/cmake-build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake -S "$source/tests/consumer" -B "$work/cmake-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 check "$work/cmake-build/consumer"
-echo "installed tree: pkg-config and find_package consumers built and answered"

@@ -1,5 +1,4 @@
 // Base64 and MPI string codecs, through the library's exported functions.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
@@ -89,10 +88,10 @@ TEST(MpiString, RefusalsAndTheirLog)
         {std::string("0x0\0\0", 5), false, {}, true},            // an embedded NUL is no digit
     };
     for (const auto& c : cases) {
-        kzol_test::LogRecorder::clear();
+        kzol_test::clearLog();
         ByteBuffer data{0xEE};
         EXPECT_TRUE(fromMPIString(ByteBuffer(c.input.begin(), c.input.end()), data) == c.result && data == c.data &&
-                    kzol_test::LogRecorder::lines() == std::vector<std::string>(c.logged ? 1 : 0, bad))
+                    kzol_test::loggedLines() == kzol_test::Lines(c.logged ? 1 : 0, bad))
             << c.input;
     }
 }

@@ -20,7 +20,6 @@
 #include "kZOLUser.h"
 
 using namespace kzol_test;
-using Lines = std::vector<std::string>;
 
 namespace {
 
@@ -41,8 +40,8 @@ int answerOf(const std::string& path)
 
 std::string refusal(const std::string& path)
 {
-    return reportText(1, "loader", "SCRIPT",
-                      "ver:\"1\",subject:\"" + path + "\",object:\"loader\",result:\"BS_NOT_SIGNED\",", path);
+    return frame(reportText(1, "loader", "SCRIPT",
+                            "ver:\"1\",subject:\"" + path + "\",object:\"loader\",result:\"BS_NOT_SIGNED\",", path));
 }
 
 }  // namespace
@@ -102,7 +101,7 @@ TEST(HostileFiles, DefiniteAnswers)
         StderrCapture err;
         EXPECT_EQ(answerOf(c.path), c.answer) << c.name;
         EXPECT_EQ(err.finish().substr(0, c.err.size()), c.err) << c.name;
-        EXPECT_EQ(unsequenced(daemon.drain()), c.reported ? Lines{refusal(c.path)} : Lines{}) << c.name;
+        EXPECT_EQ(daemon.drain(), c.reported ? Lines{refusal(c.path)} : Lines{}) << c.name;
     }
 }
 
@@ -112,6 +111,7 @@ TEST(HostileFiles, DefiniteAnswers)
 TEST(HostileFiles, RealPathBeyondTheLongestPath)
 {
     const TempDir dir;
+    DeviceProfile device;
     const std::string component(200, 'd');
     const int start = open(".", O_RDONLY | O_DIRECTORY);
     ASSERT_GE(start, 0);
@@ -120,11 +120,10 @@ TEST(HostileFiles, RealPathBeyondTheLongestPath)
         ASSERT_EQ(mkdir(component.c_str(), 0700), 0);
         ASSERT_EQ(chdir(component.c_str()), 0);
     }
-    writeFile("run.sh", c_script);
-    DeviceProfile device;
-    LogRecorder::clear();
+    writeFile("./run.sh", c_script);
+    clearLog();
     EXPECT_EQ(answerOf("run.sh"), 1);
-    EXPECT_EQ(LogRecorder::lines(), Lines{errorLine("bs_context.cpp", "checkFileIsInRWUser",
+    EXPECT_EQ(loggedLines(), Lines{errorLine("bs_context.cpp", "checkFileIsInRWUser",
                                                     "realpath() error : File name too long;")});
     EXPECT_EQ(device.takeTrace(), "");
     // Leave the tree by its name's pieces: the whole name is too long to use.

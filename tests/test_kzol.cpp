@@ -1,6 +1,5 @@
 // The kzol tool, run as a program: keygen, sign and inspect. Signed files are
 // compared with ones made independently of the tool by the openssl command.
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,16 +12,6 @@ using namespace kzol_test;
 namespace fs = std::filesystem;
 using Files = std::map<std::string, std::string>;
 
-static std::string q(const std::string& s)
-{ return "'" + s + "'"; }
-
-// Runs `kzol ARGS` in `dir` with no terminal input; `text` gets its standard output and error.
-static int kzol(const std::string& dir, const std::string& args, std::string* text = nullptr)
-{ return run("cd " + q(dir) + " && " + q(KZOL_TOOL) + " " + args + " </dev/null 2>&1", text); }
-
-static std::string signArgs(const std::string& key, char keyId)
-{ return "sign --key " + q(key) + " --key-id " + keyId + " "; }
-
 // Name and contents of every entry of a directory, temporary files included.
 static Files snapshot(const std::string& dir)
 {
@@ -33,24 +22,25 @@ static Files snapshot(const std::string& dir)
     return files;
 }
 
-static const std::string c_content = "#!/bin/sh\necho \"hello\"\n\x01\x80\xff binary tail\n";
+static std::string signArgs(const std::string& key, char keyId)
+{ return "sign --key " + shq(key) + " --key-id " + keyId + " "; }
 
 TEST(KzolKeygen, WritesTwinKeysButOverwritesOnlyWithForce)
 {
     const TempDir dir;
     writeFile(dir.file("public_key_6.pem"), "old key\n");
-    EXPECT_EQ(kzol(dir.path(), "keygen ."), 1);
+    EXPECT_EQ(kzol("keygen .", nullptr, dir.path()), 1);
     EXPECT_EQ(snapshot(dir.path()), (Files{{"public_key_6.pem", "old key\n"}}));
     std::string text;
-    ASSERT_EQ(kzol(dir.path(), "keygen --force .", &text), 0) << text;
+    ASSERT_EQ(kzol("keygen --force .", &text, dir.path(), true), 0) << text;
     EXPECT_NE(readFile(dir.file("public_key_5.pem")), readFile(dir.file("public_key_6.pem")));
     for (const std::string s : {"5", "6"}) {
         const std::string pub = dir.file("public_key_" + s + ".pem"), priv = dir.file("private_key_" + s + ".pem");
         // The public half of the private key, and the public key: the same RSA-2048 key (294 bytes of DER),
         // the public one in the 445-character layout of the built-in keys; the private one for its owner alone.
         std::string half, stored;
-        EXPECT_EQ(run("openssl pkey -pubout -outform DER -in " + q(priv), &half), 0);
-        EXPECT_EQ(run("openssl pkey -pubin -outform DER -in " + q(pub), &stored), 0);
+        EXPECT_EQ(run("openssl pkey -pubout -outform DER -in " + shq(priv), &half), 0);
+        EXPECT_EQ(run("openssl pkey -pubin -outform DER -in " + shq(pub), &stored), 0);
         EXPECT_TRUE(half == stored && stored.size() == 294 && readFile(pub).size() == 445) << s;
         EXPECT_EQ(fs::status(priv).permissions(), fs::perms(0600));
     }
@@ -62,17 +52,17 @@ TEST(KzolKeygen, WritesTwinKeysButOverwritesOnlyWithForce)
 TEST(KzolSign, SignedFilesAndFailures)
 {
     const TempDir keys;
-    ASSERT_EQ(run("openssl genrsa -out " + q(keys.file("rsa1024.pem")) + " 1024 2>/dev/null"), 0);
-    const std::string key5 = signArgs(devPrivateKey('5'), '5');
-    const std::string signed5 = signedFile(c_content, "P50", devPrivateKey('5'));
+    ASSERT_EQ(run("openssl genrsa -out " + shq(keys.file("rsa1024.pem")) + " 1024 2>/dev/null"), 0);
+    const std::string content = "#!/bin/sh\necho \"hello\"\n\x01\x80\xff binary tail\n";
+    const std::string key5 = signArgs(devPrivateKey('5'), '5'), signed5 = signedFile(content, "P50", devPrivateKey('5'));
     // output: on success, holding `bytes`; mode: of script.sh
     struct Case { std::string input, args; int status; const char *says, *output = ""; std::string bytes = "";
                   int mode = 0640; };
     const std::vector<Case> cases = {
-        {c_content, key5 + "script.sh", 0, "", "script.sh", signed5, 0750},
+        {content, key5 + "script.sh", 0, "", "script.sh", signed5, 0750},
         // Blanks after a block leave it the file's block; --force replaces it.
         {signed5 + "\r\n", signArgs(devPrivateKey('6'), '6') + "--force --type L script.sh -o signed.sh", 0, "",
-         "signed.sh", signedFile(c_content, "L60", devPrivateKey('6'))},
+         "signed.sh", signedFile(content, "L60", devPrivateKey('6'))},
         {"x", signArgs(devPublicKey('5'), '5') + "script.sh", 2, "not an unencrypted PEM private key"},
         {"x", signArgs(keys.file("rsa1024.pem"), '5') + "script.sh", 2, "RSA key of 1024 bits"},
         {"", key5 + "script.sh", 2, "is empty"},
@@ -93,7 +83,7 @@ TEST(KzolSign, SignedFilesAndFailures)
             expected[c.output] = c.bytes;
         }
         std::string text;
-        EXPECT_EQ(kzol(work.path(), c.args, &text), c.status) << text;
+        EXPECT_EQ(kzol(c.args, &text, work.path(), true), c.status) << text;
         EXPECT_NE(text.find(c.says), std::string::npos) << text;
         EXPECT_EQ(snapshot(work.path()), expected);
         EXPECT_TRUE(c.status != 0 || fs::status(work.file(c.output)).permissions() == fs::perms(c.mode));
@@ -107,7 +97,7 @@ TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
     const std::vector<Case> cases = {
         {signedFile("data", "P60", devPrivateKey('6')) + "\r\n", 0, "signature block loaded",
          R"j([true, 7, "P", "6", 256, 2, null])j"},
-        {c_content, 1, "no signature block: no \":ZOL\" footprint at E-4",
+        {"#!/bin/sh\necho \"hello\"\n\x01\x80\xff binary tail\n", 1, "no signature block: no \":ZOL\" footprint at E-4",
          R"j([false, null, null, null, null, 2, "no \":ZOL\" footprint at E-4 (position 33)"])j"},
         {blockAfter("dataX50", "0x0102abcd"), 1, "bad type character 'X'",
          R"j([false, 7, "X", "5", null, 0, "bad type character 'X' (0x58): the reader accepts only 'L' and 'P'"])j"},
@@ -117,11 +107,11 @@ TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
         const TempDir dir;
         writeFile(dir.file("target"), c.bytes);
         std::string text, json;
-        EXPECT_EQ(kzol(dir.path(), "inspect target", &text), c.status);
+        EXPECT_EQ(kzol("inspect target", &text, dir.path(), true), c.status);
         EXPECT_NE(text.find(c.says), std::string::npos) << text;
-        EXPECT_EQ(run("cd " + q(dir.path()) + " && " + q(KZOL_TOOL) + " inspect --json target 2>/dev/null | python3 -c"
-                      " 'import json,sys; d=json.load(sys.stdin); print(json.dumps([d[k] for k in sys.argv[1:]]))'"
-                      " loaded offset type key_id signature_length trailing_blanks reason", &json), 0);
+        EXPECT_EQ(run("cd " + shq(dir.path()) + " && " + shq(KZOL_TOOL) + " inspect --json target 2>/dev/null |"
+                      " python3 -c 'import json,sys; d=json.load(sys.stdin); print(json.dumps([d[k] for k in"
+                      " sys.argv[1:]]))' loaded offset type key_id signature_length trailing_blanks reason", &json), 0);
         EXPECT_EQ(json, std::string(c.json) + "\n");
     }
 }

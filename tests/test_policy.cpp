@@ -1,13 +1,11 @@
 // The exported entry points on an emulated television: every outcome of the
 // decision sequence, with its answer, the report that reached the daemon,
 // the exact log lines, and which parts of the device were looked at.
-#include <gtest/gtest.h>
 
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <regex>
 #include <thread>
 
 #include "daemon.h"
@@ -15,50 +13,31 @@
 #include "kZOLUser.h"
 
 using namespace kzol_test;
-using Lines = std::vector<std::string>;
 
 namespace {
 
 const std::string c_script = "#!/bin/sh\necho 'from the user area'\n";
 
-std::string policyLine(const std::string& text)
-{
-    return errorLine("main.cpp", "verifyFileWihtoutKey", text);
-}
-// A signature check's line; "DUID ..." outcomes are the certificate's.
-std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller = "loader")
-{
-    const char* function = outcome.rfind("DUID", 0) == 0 ? "verifyFileWithDeviceId" : "verifyFile";
-    const bool correct = outcome.find("Correct") != std::string::npos;
-    const std::string text = "[zol][" + caller + (correct ? "] : \033[1;32m" : "]! : \033[1;31m") + outcome +
-                             " [ file_path : " + path + " ]\033[0m";
-    return correct ? infoLine("bs_context.cpp", function, text) : errorLine("bs_context.cpp", function, text);
-}
-std::string put(const std::string& path, const std::string& content)
-{
-    writeFile(path, content);
-    return path;
-}
 std::string changed(std::string text, std::size_t at)
 {
     text[at] ^= 1;
     return text;
 }
-std::string madeDir(std::string pattern)
-{
-    EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-    return std::filesystem::canonical(pattern);
-}
-
 // Files in a user-writable area (under /tmp) and outside (under /var/tmp).
 struct Files {
-    std::string area = madeDir("/tmp/kzol-policy-XXXXXX"), outside = madeDir("/var/tmp/kzol-policy-XXXXXX");
-    std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
-    std::string signedOne = put(area + "/signed.sh", good), unsignedOne = put(area + "/unsigned.sh", c_script),
-                tampered = put(area + "/tampered.sh", changed(good, 5)),
-                typeL = put(area + "/type-l.sh", signedFile(c_script, "L50", devPrivateKey('5'))),
-                outsider = put(outside + "/outside.sh", c_script);
-    ~Files() { run("rm -rf '" + area + "' '" + outside + "'"); }
+    const TempDir areaDir{"/tmp"}, outsideDir{"/var/tmp"};
+    const std::string area = std::filesystem::canonical(areaDir.path()), outside = outsideDir.path();
+    const std::string signedOne = area + "/signed.sh", unsignedOne = area + "/unsigned.sh",
+                      tampered = area + "/tampered.sh", typeL = area + "/type-l.sh", outsider = outside + "/outside.sh";
+    Files()
+    {
+        const std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
+        writeFile(signedOne, good);
+        writeFile(unsignedOne, c_script);
+        writeFile(tampered, changed(good, 5));
+        writeFile(typeL, signedFile(c_script, "L50", devPrivateKey('5')));
+        writeFile(outsider, c_script);
+    }
 };
 
 // What the policy reads on a television: the modules, a USB walk over
@@ -113,7 +92,8 @@ TEST(Policy, Outcomes)
         std::string err = {};
     };
     const std::vector<Case> cases = {
-        {"missing file", {}, 0, "", {policyLine(missing + " does not exist;")}, "", missing},
+        {"missing file", {}, 0, "", {errorLine("main.cpp", "verifyFileWihtoutKey", missing + " does not exist;")}, "",
+         missing},
         {"outside the areas", {}, 1, "", {}, "", f.outsider},
         {"not a television", {{"modules", "sdp 1 0 - Live 0x0\nxmicom 1 0\n"}}, 1, "", {}, "fopen /proc/modules\n"},
         {"isolated container", {isolated}, 1, "", {isolatedLine(2)}, tv},
@@ -146,54 +126,60 @@ TEST(Policy, Outcomes)
         for (const auto& [file, content] : c.device) {
             device.set(file, content);
         }
-        LogRecorder::clear();
+        clearLog();
         StderrCapture err;
         const std::string file = c.file.empty() ? f.unsignedOne : c.file;
         EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), c.caller), c.answer) << c.name;
         Lines log = c.log;
         for (auto& line : log) {
-            line = std::regex_replace(line, std::regex("@"), device.path() + "/usb");
+            for (auto at = line.find('@'); at != std::string::npos; at = line.find('@')) {
+                line.replace(at, 1, device.path() + "/usb");
+            }
         }
-        EXPECT_EQ(LogRecorder::lines(), log) << c.name;
+        EXPECT_EQ(loggedLines(), log) << c.name;
         EXPECT_EQ(device.takeTrace(), c.trace) << c.name;
         const std::string caller = c.caller ? c.caller : "NULL",
-                          path = c.result.empty() ? "" : std::filesystem::canonical(file).string();
-        const Lines report = {reportText(1, caller, "SCRIPT", "ver:\"1\",subject:\"" + path + "\",object:\"" + caller +
-                                                                  "\",result:\"" + c.result + "\",", path)};
-        EXPECT_EQ(unsequenced(daemon.drain()), c.result.empty() ? Lines{} : report) << c.name;
-        // verifyFile answers the same whatever its first argument.
-        EXPECT_EQ(verifyFile(nullptr, file.c_str(), c.caller), c.answer) << c.name;
-        EXPECT_EQ(err.finish(), c.err + c.err) << c.name;
-        daemon.drain();
+                          path = c.result.empty() ? "" : std::filesystem::canonical(file).string(),
+                          description = "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"";
+        EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
+                                                   : Lines{frame(reportText(1, caller, "SCRIPT",
+                                                                            description + c.result + "\",", path))})
+            << c.name;
+        EXPECT_EQ(err.finish(), c.err) << c.name;
     }
     daemon.stop();
     const DeviceProfile device;
-    LogRecorder::clear();
-    EXPECT_EQ(verifyFileWihtoutKey(f.unsignedOne.c_str(), "loader"), 0);
-    const std::string failed = policyLine("[zol][loader]! : \033[1;31mSendRequest Notification Error\033[0m");
-    EXPECT_EQ(LogRecorder::lines(), (Lines{notSigned, c_noDaemonLines[0], c_noDaemonLines[1], failed}));
+    clearLog();
+    EXPECT_EQ(verifyFile(nullptr, f.unsignedOne.c_str(), "loader"), 0);  // the first argument is never read
+    const std::string failed = errorLine("main.cpp", "verifyFileWihtoutKey",
+                                         "[zol][loader]! : \033[1;31mSendRequest Notification Error\033[0m");
+    EXPECT_EQ(loggedLines(), (Lines{notSigned, c_noDaemonLines[0], c_noDaemonLines[1], failed}));
 }
 
-// Threads at once through the certificate step: the certificate lets every
-// file run (ThreadSanitizer watches the step's shared path).
-TEST(Policy, ManyThreadsThroughTheCertificateStep)
+// Threads at once through the certificate step (with a certificate for
+// another device) and the reports, for ThreadSanitizer to watch: each file
+// gets its answer, each refusal its report, each component's report its two.
+TEST(Policy, ManyThreadsAtOnce)
 {
     const Files f;
     DeviceProfile device;
-    unsetenv("KZOL_EMULATE_TRACE");
-    device.set("usb/a/RTZOLOFF.cer", certificate(DeviceProfile::c_deviceId, "P50", devPrivateKey('5')).c_str());
+    device.set("usb/a/RTZOLOFF.cer", certificate("DUID-OTHER", "P50", devPrivateKey('5')).c_str());
+    DaemonListener daemon;
     const Lines files = {f.signedOne, f.unsignedOne, f.tampered, f.outsider, f.typeL};
-    std::atomic<int> allowed{0};
+    std::atomic<int> allowed{0}, failed{0};
     std::vector<std::thread> threads;
     for (std::size_t t = 0; t < 8; ++t) {
         threads.emplace_back([&, t] {
             for (std::size_t i = 0; i < 20; ++i) {
                 allowed += verifyFileWihtoutKey(files[(t + i) % files.size()].c_str(), "thread");
+                failed += SendSecurityReport("thread", "t", "/p", "d", 3);
             }
         });
     }
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(allowed, 8 * 20);
+    EXPECT_EQ(allowed, 2 * 32);  // each file 32 times: the signed one and the one outside run
+    EXPECT_EQ(failed, 0);
+    EXPECT_EQ(daemon.drain().size(), 3u * 32 + 2 * 160);
 }

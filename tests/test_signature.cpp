@@ -1,7 +1,6 @@
 // The signature block at the end of a file, read through the library's
 // Signature class. Length fields are written by the test helpers, not by the
 // library's own encoder.
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include "signature.h"
@@ -40,7 +39,7 @@ TEST(SignatureLoad, CraftedFiles)
         std::string file;
         unsigned int offset;  // 0: not loaded
         std::string meta;     // type and selector
-        std::vector<std::string> log;
+        Lines log;
         off_t grow = 0;  // bytes added after the file (sparse)
     };
     const std::vector<Case> cases = {
@@ -80,45 +79,35 @@ TEST(SignatureLoad, CraftedFiles)
     for (const auto& c : cases) {
         writeFile(path, c.file);
         ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(c.file.size()) + c.grow), 0);
-        LogRecorder::clear();
+        clearLog();
         EXPECT_EQ(signature.loadFromFile(path, meta), c.offset != 0) << c.name;
-        EXPECT_EQ(LogRecorder::lines(), c.log) << c.name;
+        EXPECT_EQ(loggedLines(), c.log) << c.name;
         if (c.offset != 0) {
             // The text as loaded: the bytes from the offset to the length field, and one NUL. Composed
             // again, it is followed by its length field and the footprint.
             const std::string text = c.file.substr(c.offset, c.file.rfind(":ZOL") - 8 - c.offset);
             ByteBuffer tail{1, 2, 3};
             signature.composeSignature(tail);
+            Signature assigned;
+            assigned = Signature(signature);  // a copy, assigned: the same text and offset
+            EXPECT_TRUE(assigned.offset() == c.offset && assigned == signature) << c.name;
             EXPECT_EQ(signature.offset(), c.offset) << c.name;
             EXPECT_EQ(std::string({meta.sigType, meta.keyId}), c.meta) << c.name;
             EXPECT_EQ(std::string(signature.begin(), signature.end()), text + '\0') << c.name;
             EXPECT_EQ(std::string(tail.begin(), tail.end()), text + lengthField(text.size()) + ":ZOL") << c.name;
         }
     }
-    LogRecorder::clear();
+    // No file, and the steps without one. An empty text composes nothing: no
+    // length field claims a text that is not there.
+    clearLog();
     EXPECT_FALSE(signature.loadFromFile(dir.file("missing"), meta));
-    EXPECT_EQ(LogRecorder::lines(), std::vector<std::string>{errorLine("signature.cpp", "loadFromFile",
-        "Signature::loadFromFile(): failed to open [" + dir.file("missing") + "] for reading")});
-}
-
-TEST(SignatureObject, CopiesEmptyTextAndNullSteps)
-{
-    ByteBuffer mpi, tail{1, 2, 3};
-    ASSERT_TRUE(toMPIString(ByteBuffer{0xDE, 0xAD}, mpi));
-    const Signature original(mpi, 42);
-    Signature assigned;
-    assigned = original;
-    assigned = assigned;  // self-assignment changes nothing
-    for (const Signature& s : {Signature(original), assigned}) {
-        EXPECT_TRUE(s.offset() == 42u && static_cast<const ByteBuffer&>(s) == mpi);
-    }
-    // An empty text composes nothing: no length field claims a text that is not there.
+    EXPECT_EQ(signature.getFileSize(nullptr), 0u);
+    EXPECT_FALSE(signature.readFromFile(nullptr, 0, &meta, 1));
+    const std::string missing = "Signature::loadFromFile(): failed to open [" + dir.file("missing") + "] for reading";
+    EXPECT_EQ(loggedLines(), (Lines{errorLine("signature.cpp", "loadFromFile", missing),
+                                    errorLine("signature.cpp", "getFileSize", "Signature::getFileSize(): pFile is NULL"),
+                                    c_nullArguments}));
+    ByteBuffer tail{1, 2, 3};
     Signature().composeSignature(tail);
     EXPECT_TRUE(tail.empty());
-    LogRecorder::clear();
-    EXPECT_EQ(original.getFileSize(nullptr), 0u);
-    EXPECT_FALSE(original.readFromFile(nullptr, 0, mpi.data(), 4));
-    EXPECT_EQ(LogRecorder::lines(), (std::vector<std::string>{errorLine("signature.cpp", "getFileSize",
-                                                                        "Signature::getFileSize(): pFile is NULL"),
-                                                              c_nullArguments}));
 }

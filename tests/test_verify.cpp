@@ -1,17 +1,21 @@
 // The verification driver end to end: files signed at test time with the
-// openssl command, verified by BSContext with the built-in keys.
-#include <gtest/gtest.h>
+// openssl command, verified by BSContext with the built-in keys; and
+// VerifyContext on its own, in the call orders, refusals and life cycle that
+// the driver never produces.
 
 #include <dlfcn.h>
 #include <openssl/evp.h>
 #include <unistd.h>
 
+#include <functional>
 #include <memory>
 
 #include "bs_context.h"
 #include "test_support.h"
+#include "verify_context.h"
 
 using namespace kzol_test;
+using V = VerifyContext;
 
 // The sizes the library hands to the digest, seen at the process boundary.
 static std::vector<size_t> g_updates;
@@ -28,6 +32,10 @@ extern "C" int EVP_DigestUpdate(EVP_MD_CTX* ctx, const void* data, size_t count)
 static std::string checkError(const std::string& path)
 { return "[zol][tester] : error during signature check [ file_path : " + path + " ]\n"; }
 
+// A line VerifyContext logs from `function`.
+static std::string vcLine(const std::string& function, const std::string& text)
+{ return errorLine("verify_context.cpp", function, "VerifyContext::" + function + "(): " + text); }
+
 TEST(VerifyFile, SignedFilesAndTamperedOnes)
 {
     const TempDir dir;
@@ -36,14 +44,9 @@ TEST(VerifyFile, SignedFilesAndTamperedOnes)
     const std::string signed5 = signedFile(content, "P50", devPrivateKey('5')), mpi5 = signed5.substr(meta + 3, 514);
     const auto flip = [](std::string s, std::size_t at, char c) { return s.replace(at, 1, 1, c); };
     const auto block5 = [&](const std::string& text) { return blockAfter(content + "P50", text); };
-    const std::string end = " [ file_path : " + path + " ]\033[0m", refused = "[zol][tester]! : \033[1;31m";
-    const std::string ok = infoLine("bs_context.cpp", "verifyFile", "[zol][tester] : \033[1;32mCorrect Signed" + end);
-    const std::string bad = errorLine("bs_context.cpp", "verifyFile", refused + "Incorrect Signed" + end);
-    const std::string notSigned = errorLine("bs_context.cpp", "verifyFile", refused + "Not Signed" + end);
-    const auto vc = [](const std::string& f, const std::string& text) {
-        return errorLine("verify_context.cpp", f, "VerifyContext::" + f + "(): " + text);
-    };
-    struct Case { const char* name; std::string file; Result result; std::vector<std::string> log; bool checkError; };
+    const std::string ok = checkLine("Correct Signed", path, "tester");
+    const std::string bad = checkLine("Incorrect Signed", path, "tester");
+    struct Case { const char* name; std::string file; Result result; Lines log; bool checkError; };
     const std::vector<Case> cases = {
         {"key 5", signed5, BS_SIGNATURE_CORRECT, {ok}, false},
         {"signed block followed by CRLF", signed5 + "\r\n", BS_SIGNATURE_CORRECT, {ok}, false},
@@ -52,19 +55,17 @@ TEST(VerifyFile, SignedFilesAndTamperedOnes)
         {"selector 5 changed to 6", flip(signed5, meta + 1, '6'), BS_SIGNATURE_INCORRECT, {bad}, false},
         {"third metadata byte changed", flip(signed5, meta + 2, '1'), BS_SIGNATURE_INCORRECT, {bad}, false},
         {"signature cut by one byte", block5(mpi5.substr(0, 512)), BS_SIGNATURE_INCORRECT, {bad}, false},
-        {"type changed to L", flip(signed5, meta, 'L'), BS_ERROR, {}, false},
         {"selector 7", signedFile(content, "P70", devPrivateKey('5')), BS_ERROR, {}, false},
-        {"unsigned", content, BS_NOT_SIGNED, {notSigned}, false},
-        {"upper-case X", block5("0X" + mpi5.substr(2)), BS_ERROR, {vc("checkMPI", "invalid MPI format")}, true},
-        {"0x alone", block5("0x"), BS_ERROR, {vc("check", "signature is empty")}, true},
+        {"upper-case X", block5("0X" + mpi5.substr(2)), BS_ERROR, {vcLine("checkMPI", "invalid MPI format")}, true},
+        {"0x alone", block5("0x"), BS_ERROR, {vcLine("check", "signature is empty")}, true},
     };
     for (const auto& c : cases) {
         writeFile(path, c.file);
-        LogRecorder::clear();
+        clearLog();
         StderrCapture err;
         EXPECT_EQ(BSContext().verifyFile(path, "tester"), c.result) << c.name;
         EXPECT_EQ(err.finish(), c.checkError ? checkError(path) : "") << c.name;
-        EXPECT_EQ(LogRecorder::lines(), c.log) << c.name;
+        EXPECT_EQ(loggedLines(), c.log) << c.name;
     }
 }
 
@@ -89,13 +90,13 @@ TEST(VerifyFile, CheckNotCarriedOut)
     const TempDir dir;
     const std::string path = dir.file("script.sh"), key = readFile(devPublicKey('5'));
     const std::string file = signedFile(std::string(40000, 'x'), "P50", devPrivateKey('5'));
-    struct Case { const char* name; off_t size; std::string key; std::vector<std::string> log; };  // size -1: removed
+    struct Case { const char* name; off_t size; std::string key; Lines log; };  // size -1: removed
     const std::vector<Case> cases = {
         {"truncated", 20000, key, {}},
         {"removed", -1, key,
          {errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to open [" + path + "] for reading")}},
         {"key text that does not load", static_cast<off_t>(file.size()), "not a key",
-         {errorLine("verify_context.cpp", "loadKey", "VerifyContext::loadKey(): failed to load public key"),
+         {vcLine("loadKey", "failed to load public key"),
           errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from not a key")}},
     };
     for (const auto& c : cases) {
@@ -104,32 +105,92 @@ TEST(VerifyFile, CheckNotCarriedOut)
         _ZolSigMeta meta{};
         ASSERT_TRUE(signature.loadFromFile(path, meta));
         ASSERT_EQ(c.size < 0 ? unlink(path.c_str()) : truncate(path.c_str(), c.size), 0);
-        LogRecorder::clear();
+        clearLog();
         StderrCapture err;
         EXPECT_EQ(BSContext().verifyFile(path, signature, c.key, "tester"), BS_ERROR) << c.name;
         EXPECT_EQ(err.finish(), checkError(path)) << c.name;
-        EXPECT_EQ(LogRecorder::lines(), c.log) << c.name;
+        EXPECT_EQ(loggedLines(), c.log) << c.name;
     }
 }
 
+// Helpers exported on their own, which the driver uses differently or not at all.
 TEST(BSContext, SelectPubKeyAndFileSize)
 {
-    // Selected keys are proven by the files they verify; key: afterwards, starting from "before".
-    struct Case { char type, selector; bool selected; std::string key; };
-    const std::vector<Case> cases = {
-        {'P', '9', false, ""}, {'L', '5', false, "before"}, {'p', '6', false, "before"}, {'\0', '5', false, "before"},
-    };
-    for (const auto& c : cases) {
-        std::string key = "before";
-        EXPECT_EQ(BSContext().SelectPubKey(c.type, c.selector, key), c.selected) << c.type << c.selector;
-        EXPECT_EQ(key, c.key) << c.type << c.selector;
-    }
+    std::string key = "a key from before";  // only 'P' selects; an unknown selector clears the key
+    EXPECT_FALSE(BSContext().SelectPubKey('p', '5', key) || BSContext().SelectPubKey('P', '9', key) || !key.empty());
     const TempDir dir;
     writeFile(dir.file("f"), std::string(12345, 'z'));
     const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(dir.file("f").c_str(), "rb"), &std::fclose);
     EXPECT_EQ(BSContext().getFileSize(file.get()), 12345);
-    LogRecorder::clear();
+    clearLog();
     EXPECT_EQ(BSContext().getFileSize(nullptr), 0);
-    EXPECT_EQ(LogRecorder::lines(), std::vector<std::string>{errorLine("bs_context.cpp", "getFileSize",
-                                                                       "BSContext::getFileSize(): pFile is NULL")});
+    EXPECT_EQ(loggedLines(),
+              Lines{errorLine("bs_context.cpp", "getFileSize", "BSContext::getFileSize(): pFile is NULL")});
+}
+
+// A development key, data signed with its private half by the openssl command,
+// and an EC public key (parsed by OpenSSL, but not RSA).
+struct Material {
+    std::string key = readFile(devPublicKey('5')), text = "data signed at test time", ec;
+    ByteBuffer data{text.begin(), text.end()};
+    std::string raw = opensslSign(text, devPrivateKey('5'));
+    ByteBuffer sig{raw.begin(), raw.end()};
+    Material() { run("openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 | openssl pkey -pubout", &ec); }
+};
+
+static const Material& m()
+{
+    static const Material material;
+    return material;
+}
+
+// Each action answers its last call. The flag starts true, so a check that was
+// not carried out visibly leaves it alone.
+TEST(VerifyContext, FailuresLogAndLeaveTheFlag)
+{
+    ASSERT_NE(m().ec.find("-----BEGIN PUBLIC KEY-----"), std::string::npos);
+    const std::string noKey = vcLine("check", "m_pKey or m_pContext is NULL");
+    const std::string loadFailed = vcLine("loadKey", "failed to load public key");
+    struct Case { const char* name; std::function<bool(V&, bool&)> action; Lines log; };
+    const std::vector<Case> cases = {
+        {"check on a new object", [](V& c, bool& v) { return c.check(m().sig, v); }, {noKey}},
+        {"without init", [](V& c, bool& v) { return c.loadKey(m().key) && c.check(m().sig, v); }, {noKey}},
+        {"without key", [](V& c, bool& v) { return c.init() && c.update(m().data) && c.check(m().sig, v); }, {noKey}},
+        // A failed load releases the key loaded before.
+        {"second loadKey fails",
+         [](V& c, bool& v) { return c.loadKey(m().key) && !c.loadKey("-") && c.checkSignature(m().data, m().sig, v); },
+         {loadFailed, noKey}},
+        {"EC key", [](V& c, bool& v) { return c.loadKey(m().ec) || c.checkSignature(m().data, m().sig, v); },
+         {loadFailed, noKey}},
+        {"update before init", [](V& c, bool&) { return c.update(m().data); }, {vcLine("update", "m_pContext is NULL")}},
+        {"update with null", [](V& c, bool&) { return c.init() && c.update(nullptr, 4); },
+         {vcLine("update", "data is NULL")}},
+        // The null signature is refused before the context is looked at.
+        {"null signature", [](V& c, bool& v) { return c.check(nullptr, 256, v); },
+         {vcLine("check", "pSignature is NULL")}},
+    };
+    for (const Case& c : cases) {
+        clearLog();
+        VerifyContext context;
+        bool verified = true;
+        EXPECT_FALSE(c.action(context, verified)) << c.name;
+        EXPECT_TRUE(verified) << c.name;
+        EXPECT_EQ(loggedLines(), c.log) << c.name;
+    }
+}
+
+// Destroyed and loaded again, an object checks as new, with a fresh digest for
+// each one-call check.
+TEST(VerifyContext, ReusedAfterDestroy)
+{
+    VerifyContext c;
+    ByteBuffer mpi;
+    ASSERT_TRUE(c.loadKey(m().key) && c.init() && c.update(ByteBuffer{'x'}));
+    c.destroyKey();
+    c.destroyContext();
+    ASSERT_TRUE(c.loadKey(m().key) && toMPIString(m().sig, mpi));
+    for (int round = 0; round < 4; ++round) {
+        bool v = false;
+        EXPECT_TRUE((round % 2 ? c.checkSignatureMPI(m().data, mpi, v) : c.checkSignature(m().data, m().sig, v)) && v);
+    }
 }

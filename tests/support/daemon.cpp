@@ -1,37 +1,38 @@
 #include "daemon.h"
 
-#include <gtest/gtest.h>
+#include <dlfcn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 
 namespace kzol_test {
 
-DaemonListener::DaemonListener() : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+timespec g_reportTime = {20000 * 86400L + 3723, 4999};
+
+Fd abstractSocket(const std::string& name, bool listening)
 {
     sockaddr_un address{AF_UNIX, {}};
-    std::memcpy(address.sun_path + 1, "SfDaemon/UserMsg", 16);
-    if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 || listen(m_fd, 4096) != 0) {
-        ADD_FAILURE() << "cannot listen on the daemon's name: " << std::strerror(errno);
-    }
+    std::memcpy(address.sun_path + 1, name.data(), std::min(name.size(), sizeof(address.sun_path) - 1));
+    Fd s(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (listening ? SOCK_NONBLOCK : 0), 0));
+    const auto* a = reinterpret_cast<const sockaddr*>(&address);
+    const bool ok = listening ? bind(s.fd, a, sizeof(address)) == 0 && listen(s.fd, 4096) == 0
+                              : connect(s.fd, a, sizeof(address)) == 0;
+    return ok ? std::move(s) : Fd();
 }
 
-void DaemonListener::stop()
+DaemonListener::DaemonListener() : m_socket(abstractSocket("SfDaemon/UserMsg", true))
 {
-    if (m_fd >= 0) {
-        close(m_fd);
-        m_fd = -1;
-    }
+    EXPECT_GE(m_socket.fd, 0) << "cannot listen on the daemon's name: " << std::strerror(errno);
 }
 
-std::vector<std::string> DaemonListener::drain()
+Lines DaemonListener::drain()
 {
-    std::vector<std::string> received;
-    for (int connection; (connection = accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+    Lines received;
+    for (int connection; (connection = accept4(m_socket.fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         std::string bytes;
         char buffer[65536];
         for (ssize_t n; (n = recv(connection, buffer, sizeof(buffer), 0)) > 0;) {
@@ -43,14 +44,14 @@ std::vector<std::string> DaemonListener::drain()
     return received;
 }
 
+std::string prefix(std::uint32_t length)
+{ return std::string(reinterpret_cast<const char*>(&length), 4); }
+
 std::string frame(const std::string& text)
-{
-    const auto n = static_cast<std::uint32_t>(text.size());
-    return std::string(reinterpret_cast<const char*>(&n), 4) + text + '\0';
-}
+{ return prefix(static_cast<std::uint32_t>(text.size())) + text + '\0'; }
 
 std::string reportText(int kind, const std::string& caller, const std::string& fileType,
-                       const std::string& description, const std::string& path, const char* sequence)
+                       const std::string& description, const std::string& path, const std::string& sequence)
 {
     const auto quoted = [](const std::string& text) {
         std::string out = "\"";
@@ -61,26 +62,15 @@ std::string reportText(int kind, const std::string& caller, const std::string& f
     };
     return "{\n\t\"Action/FileSend\" : " + std::to_string(kind) + ",\n\t\"Report/Caller\" : " + quoted(caller) +
            ",\n\t\"Report/Decription\" : " + quoted(description) + ",\n\t\"Report/FileType\" : " + quoted(fileType) +
-           ",\n\t\"Report/Path\" : " + quoted(path) + ",\n" +
-           (sequence != nullptr ? "\t\"Report/ReportSeq\" : " + quoted(sequence) + ",\n" : std::string()) +
-           "\t\"State\" : \"ShowNoti\",\n\t\"TaskName\" : \"UserBlockMsg\"\n}";
-}
-
-std::vector<std::string> unsequenced(const std::vector<std::string>& streams)
-{
-    std::vector<std::string> texts;
-    for (const auto& stream : streams) {
-        const std::string text = stream.size() >= 5 ? stream.substr(4, stream.size() - 5) : std::string();
-        EXPECT_EQ(stream, frame(text)) << "one frame per connection";
-        // Without its report sequence, which only the clock decides.
-        const std::string key = "\t\"Report/ReportSeq\" : \"";
-        const auto at = text.find(key);
-        const auto end = at == std::string::npos ? at : text.find("\",\n", at + key.size());
-        const bool digits = end != std::string::npos &&
-                            text.find_first_not_of("0123456789", at + key.size()) == end;
-        texts.push_back(digits ? text.substr(0, at) + text.substr(end + 3) : text);
-    }
-    return texts;
+           ",\n\t\"Report/Path\" : " + quoted(path) + ",\n\t\"Report/ReportSeq\" : " + quoted(sequence) +
+           ",\n\t\"State\" : \"ShowNoti\",\n\t\"TaskName\" : \"UserBlockMsg\"\n}";
 }
 
 }  // namespace kzol_test
+
+// The library reads the time of day for its report sequence only.
+extern "C" int clock_gettime(clockid_t clock, timespec* time)
+{
+    static const auto real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    return clock != CLOCK_REALTIME ? real(clock, time) : (*time = kzol_test::g_reportTime, 0);
+}

@@ -1,45 +1,56 @@
-// A stand-in for the platform's security daemon, built from plain sockets (not
-// from the library's socket class): it binds the full-length abstract address
-// of "SfDaemon/UserMsg" and keeps every byte each connection sent; and the
-// texts the daemon is expected to receive.
+// Plain sockets of the tests (not the library's socket class) on abstract
+// names; a stand-in for the platform's security daemon, listening on
+// "SfDaemon/UserMsg"; and the frames and texts the daemon receives.
 #pragma once
 
-#include <string>
-#include <vector>
+#include <unistd.h>
+
+#include <cstdint>
+#include <ctime>
 
 #include "test_support.h"
 
 namespace kzol_test {
 
-// Connections queue up on the name until drain() serves them: the library
-// connects, sends and closes before its call returns, so the queue then holds
-// everything the call sent.
+// A descriptor of the test's own, closed when it goes.
+struct Fd {
+    int fd;
+    explicit Fd(int f = -1) : fd(f) {}
+    Fd(Fd&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    Fd& operator=(Fd&& other) noexcept { std::swap(fd, other.fd); return *this; }
+    ~Fd() { if (fd >= 0) close(fd); }
+};
+
+// A stream socket on the full 110-byte abstract address of `name`: listening
+// (non-blocking, so that accept answers at once) or connected; -1 on failure.
+Fd abstractSocket(const std::string& name, bool listening);
+
+// Connections queue up on the daemon's name until drain() serves them: the
+// library connects, sends and closes before its call returns, so the queue
+// then holds everything the call sent.
 class DaemonListener {
 public:
     DaemonListener();
-    ~DaemonListener() { stop(); }
-    DaemonListener(const DaemonListener&) = delete;
-    DaemonListener& operator=(const DaemonListener&) = delete;
     // Releases the name: connections fail from then on.
-    void stop();
+    void stop() { m_socket = Fd(); }
     // The bytes of every connection queued since the last drain, in order.
-    std::vector<std::string> drain();
+    Lines drain();
 
 private:
-    int m_fd;
+    Fd m_socket;
 };
 
-// One frame: the 4-byte host-order length, the text, a zero byte.
-std::string frame(const std::string& text);
-// A report's text as the daemon receives it; without `sequence` the
-// Report/ReportSeq member is left out.
+// The time of day the library numbers its reports by (this program's
+// CLOCK_REALTIME): 01:02:03.000004999 unless a test sets another.
+extern timespec g_reportTime;
+
+std::string prefix(std::uint32_t length);  // a frame's length, 4 bytes in host order
+std::string frame(const std::string& text);  // prefix, text, a zero byte
+// A report's text as the daemon receives it (numbered 0102034 by default).
 std::string reportText(int kind, const std::string& caller, const std::string& fileType,
-                       const std::string& description, const std::string& path, const char* sequence = nullptr);
-// The texts of streams that must each hold exactly one whole frame (checked),
-// without their Report/ReportSeq member.
-std::vector<std::string> unsequenced(const std::vector<std::string>& streams);
+                       const std::string& description, const std::string& path, const std::string& sequence = "0102034");
 // The lines logged when nothing listens on the daemon's name.
-const std::vector<std::string> c_noDaemonLines = {
+const Lines c_noDaemonLines = {
     errorLine("UnixSocket.cpp", "ConnectToHost", "connect() error ;"),
     errorLine("bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;")};
 

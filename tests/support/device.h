@@ -5,7 +5,8 @@
 // logs about its device.
 #pragma once
 
-#include <string>
+#include <cstdlib>
+#include <filesystem>
 
 #include "test_support.h"
 
@@ -13,20 +14,40 @@ namespace kzol_test {
 
 class DeviceProfile {
 public:
+    static constexpr const char* c_deviceId = "DUID-TEST-0001";
     // A television with identifier c_deviceId, USB service up with nothing
     // attached, a process with user IDs 5000 outside any container.
-    DeviceProfile();
-    ~DeviceProfile();
-    static constexpr const char* c_deviceId = "DUID-TEST-0001";
-    // Writes a file of the profile (with the directories it needs), or
-    // removes it when `content` is null: "modules", "zone", "uid" ("RUID
-    // EUID"), "vconf/db/comss/hwduid" (the device identifier), "usb" (the USB
-    // service, while nothing is attached), "usb/NAME/FILE" (a file on an
-    // attached stick), "usb/NAME.nomount" (a device without mount path),
-    // "usb/.foreach-result" (the walk's answer).
-    void set(const std::string& file, const char* content);
+    DeviceProfile()
+    {
+        set("modules", "micom 1236992 0 - Live 0x0000000000000000\nsdp_gpio 16384 1 micom, Live 0x0000000000000000\n");
+        set("zone", "0 0\n");
+        set("uid", "5000 5000\n");
+        set("vconf/db/comss/hwduid", c_deviceId);
+        std::filesystem::create_directory(m_dir.file("usb"));
+        setenv("KZOL_PROFILE", m_dir.path().c_str(), 1);
+        setenv("KZOL_EMULATE_TRACE", m_dir.file("trace").c_str(), 1);
+    }
+    ~DeviceProfile()
+    {
+        unsetenv("KZOL_PROFILE");
+        unsetenv("KZOL_EMULATE_TRACE");
+    }
+    // Writes a file of the profile, or removes it when `content` is null:
+    // "modules", "zone", "uid" ("RUID EUID"), "vconf/db/comss/hwduid" (the
+    // device identifier), "usb" (the USB service, while nothing is attached),
+    // "usb/NAME/FILE" (a file on an attached stick), "usb/NAME.nomount" (a
+    // device without mount path), "usb/.foreach-result" (the walk's answer).
+    void set(const std::string& file, const char* content)
+    {
+        content != nullptr ? writeFile(m_dir.file(file), content) : (void)std::filesystem::remove(m_dir.file(file));
+    }
     // The accesses the emulation answered since the last call, one a line.
-    std::string takeTrace();
+    std::string takeTrace()
+    {
+        const std::string trace = readFile(m_dir.file("trace"));
+        std::filesystem::remove(m_dir.file("trace"));
+        return trace;
+    }
     const std::string& path() const { return m_dir.path(); }
 
 private:

@@ -1,27 +1,22 @@
 #include "test_support.h"
 
 #include <dlog.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
-#include <stdexcept>
 
 namespace {
 
 std::mutex g_logMutex;
-std::vector<std::string>& recorded()
-{
-    static std::vector<std::string> lines;
-    return lines;
-}
+kzol_test::Lines g_logLines;  // the library logs only when a test calls it
 
 std::string line(char prio, const std::string& file, const std::string& function, const char* colour,
                  const std::string& text)
@@ -29,57 +24,40 @@ std::string line(char prio, const std::string& file, const std::string& function
     return std::string(1, prio) + "/kzoluser: " + file + ": " + function + "(N) > " + colour + text + "\033[0m";
 }
 
-void require(bool ok, const std::string& what)
-{
-    if (!ok) {
-        throw std::runtime_error(what);
-    }
-}
-
-}  // namespace
-
-namespace {
-
 // The source line of the prefix "FILE: FUNCTION(LINE) > " becomes "N".
-std::string withoutLine(const std::string& message)
+std::string withoutLine(std::string message)
 {
-    const auto colon = message.find(": ");
-    const auto open = colon == std::string::npos ? colon : message.find('(', colon + 2);
-    const auto close = open == std::string::npos ? open : message.find(") > ", open);
-    if (close == std::string::npos || close == open + 1 ||
-        message.find_first_not_of("0123456789", open + 1) != close ||
-        message.find_first_of(" :", colon + 2) < open) {
-        return message;
+    const auto open = message.find('('), close = message.find(") > ");
+    if (open < close && close != std::string::npos) {
+        message.replace(open + 1, close - open - 1, "N");
     }
-    return message.substr(0, open + 1) + "N" + message.substr(close);
+    return message;
 }
 
 }  // namespace
 
 extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt, ...)
 {
-    va_list args, copy;
+    va_list args;
     va_start(args, fmt);
-    va_copy(copy, args);
-    const int n = std::vsnprintf(nullptr, 0, fmt, args);
+    char* text = nullptr;
+    const int n = vasprintf(&text, fmt, args);
     va_end(args);
-    std::string message(n > 0 ? static_cast<std::size_t>(n) : 0, '\0');
-    std::vsnprintf(message.data(), message.size() + 1, fmt, copy);
-    va_end(copy);
+    const std::unique_ptr<char, void (*)(void*)> owned(text, &std::free);
     const char letter = prio == DLOG_INFO ? 'I' : prio == DLOG_WARN ? 'W' : prio == DLOG_ERROR ? 'E' : '?';
-    std::string rendered = std::string(1, letter) + "/" + (tag ? tag : "") + ": " + withoutLine(message);
+    std::string rendered = std::string(1, letter) + "/" + (tag ? tag : "") + ": " + withoutLine(n >= 0 ? text : "");
     const std::lock_guard<std::mutex> lock(g_logMutex);
-    recorded().push_back(std::move(rendered));
+    g_logLines.push_back(std::move(rendered));
     return n;
 }
 
 namespace kzol_test {
 
-void LogRecorder::clear()
-{ const std::lock_guard<std::mutex> lock(g_logMutex); recorded().clear(); }
+void clearLog()
+{ const std::lock_guard<std::mutex> lock(g_logMutex); g_logLines.clear(); }
 
-std::vector<std::string> LogRecorder::lines()
-{ const std::lock_guard<std::mutex> lock(g_logMutex); return recorded(); }
+Lines loggedLines()
+{ const std::lock_guard<std::mutex> lock(g_logMutex); return g_logLines; }
 
 std::string errorLine(const std::string& file, const std::string& function, const std::string& text)
 { return line('E', file, function, "\033[31m", text); }
@@ -90,45 +68,32 @@ std::string infoLine(const std::string& file, const std::string& function, const
 std::string warnLine(const std::string& file, const std::string& function, const std::string& text)
 { return line('W', file, function, "\033[33m", text); }
 
-StderrCapture::StderrCapture() : m_file(memfd_create("kzol-stderr", MFD_CLOEXEC))
+std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller)
 {
-    require(m_file >= 0, "memfd_create failed");
-    std::fflush(stderr);
-    m_saved = dup(STDERR_FILENO);
-    dup2(m_file, STDERR_FILENO);
+    const char* function = outcome.rfind("DUID", 0) == 0 ? "verifyFileWithDeviceId" : "verifyFile";
+    const bool correct = outcome.find("Correct") != std::string::npos;
+    const std::string text = "[zol][" + caller + (correct ? "] : \033[1;32m" : "]! : \033[1;31m") + outcome +
+                             " [ file_path : " + path + " ]\033[0m";
+    return correct ? infoLine("bs_context.cpp", function, text) : errorLine("bs_context.cpp", function, text);
 }
 
-std::string StderrCapture::finish()
+TempDir::TempDir(const char* base)
 {
-    if (m_saved < 0) {
-        return {};
-    }
-    std::fflush(stderr);
-    dup2(m_saved, STDERR_FILENO);
-    close(m_saved);
-    m_saved = -1;
-    const std::string text = readFile("/proc/self/fd/" + std::to_string(m_file));
-    close(m_file);
-    return text;
-}
-
-TempDir::TempDir()
-{
-    const char* base = std::getenv("TMPDIR");
     m_path = std::string(base && *base ? base : "/tmp") + "/kzol-test-XXXXXX";
-    require(mkdtemp(m_path.data()) != nullptr, "mkdtemp failed");
+    EXPECT_NE(mkdtemp(m_path.data()), nullptr) << m_path;
 }
 
 TempDir::~TempDir()
 {
     // Directories made unreadable by a test are reopened so they can go.
-    run("chmod -R u+rwx '" + m_path + "' 2>/dev/null; rm -rf '" + m_path + "'");
+    run("chmod -R u+rwx " + shq(m_path) + " 2>/dev/null; rm -rf " + shq(m_path));
 }
 
 void writeFile(const std::string& path, const std::string& bytes)
 {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    require(bool(out.write(bytes.data(), std::streamsize(bytes.size()))), "cannot write " + path);
+    EXPECT_TRUE(out.write(bytes.data(), std::streamsize(bytes.size()))) << "cannot write " << path;
 }
 
 std::string readFile(const std::string& path)
@@ -139,27 +104,25 @@ std::string readFile(const std::string& path)
 
 int run(const std::string& command, std::string* output)
 {
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return -1;
-    }
     std::string scratch, &text = output != nullptr ? *output : scratch;
     text.clear();
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-        text.append(buffer, n);
+    FILE* pipe = popen(command.c_str(), "r");
+    for (int c; pipe != nullptr && (c = std::fgetc(pipe)) != EOF;) {
+        text += static_cast<char>(c);
     }
-    const int status = pclose(pipe);
+    const int status = pipe != nullptr ? pclose(pipe) : -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
+
+std::string shq(const std::string& text)
+{ return "'" + text + "'"; }
 
 std::string opensslSign(const std::string& data, const std::string& privateKey)
 {
     TempDir dir;
     writeFile(dir.file("data"), data);
     std::string signature;
-    require(run("openssl dgst -sha256 -sign '" + privateKey + "' '" + dir.file("data") + "'", &signature) == 0,
-            "openssl could not sign with " + privateKey);
+    EXPECT_EQ(run("openssl dgst -sha256 -sign " + shq(privateKey) + " " + shq(dir.file("data")), &signature), 0);
     return signature;
 }
 

@@ -1,46 +1,53 @@
 // Shared helpers of the test suites: a recorder that stands in for the
-// platform log, capture of standard error, temporary directories and files.
+// platform log, capture of standard error, temporary files, signed fixtures
+// and the kzol tool.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kzol_test {
 
-// Every __dlog_print call of the library lands here (the test program defines
+using Lines = std::vector<std::string>;
+
+// Every __dlog_print call of the library is recorded (the test program defines
 // __dlog_print, which takes precedence over the platform's library). Lines are
 // rendered "<P>/<tag>: <message>" with the source line of the message prefix
 // replaced by "N", so that tests compare whole lines without depending on line
 // numbers.
-struct LogRecorder {
-    static void clear();
-    static std::vector<std::string> lines();
-};
+void clearLog();
+Lines loggedLines();
 
-// Expected platform-log lines, as LogRecorder renders them; `text` is the
+// Expected platform-log lines, as they are recorded; `text` is the
 // message after the prefix, without the priority's colour.
 std::string errorLine(const std::string& file, const std::string& function, const std::string& text);
 std::string infoLine(const std::string& file, const std::string& function, const std::string& text);
 std::string warnLine(const std::string& file, const std::string& function, const std::string& text);
+// The line of a signature check by `caller` with `outcome` ("Correct Signed",
+// "Not Signed", ...; "DUID ..." for a disable certificate).
+std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller = "loader");
 
-// Redirects standard error (descriptor 2) to a file for its lifetime.
+// Captures standard error (descriptor 2) until finish() or the end of the scope.
 class StderrCapture {
 public:
-    StderrCapture();
+    StderrCapture() { testing::internal::CaptureStderr(); }
     ~StderrCapture() { finish(); }
-    StderrCapture(const StderrCapture&) = delete;
-    StderrCapture& operator=(const StderrCapture&) = delete;
     // Ends the capture and answers what was written.
-    std::string finish();
+    std::string finish() { return std::exchange(m_capturing, false) ? testing::internal::GetCapturedStderr() : ""; }
 
 private:
-    int m_saved = -1, m_file = -1;  // m_saved is -1 once the capture ended
+    bool m_capturing = true;
 };
 
-// A fresh directory under $TMPDIR (or /tmp), removed with its contents.
+// A fresh directory under `base` ($TMPDIR or /tmp by default), removed with
+// its contents.
 class TempDir {
 public:
-    TempDir();
+    explicit TempDir(const char* base = std::getenv("TMPDIR"));
     ~TempDir();
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
@@ -51,12 +58,14 @@ private:
     std::string m_path;
 };
 
+// Writes a file, making the directories it needs.
 void writeFile(const std::string& path, const std::string& bytes);
 std::string readFile(const std::string& path);
 
 // Runs a shell command; answers its exit status and fills `output` with its
 // standard output.
 int run(const std::string& command, std::string* output = nullptr);
+std::string shq(const std::string& text);  // quoted for the shell
 
 // Signed files, made independently of the library's own encoders: the MPI
 // text and length field are written here, the signature by the openssl
@@ -74,5 +83,15 @@ std::string certificate(const std::string& deviceId, const std::string& meta, co
 // The development keys of the source tree.
 std::string devPrivateKey(char selector);
 std::string devPublicKey(char selector);
+
+#ifdef KZOL_TOOL
+// `kzol ARGS` run by the shell in `dir` without terminal input: its exit
+// status; `out` gets its standard output, and its standard error with `errors`.
+inline int kzol(const std::string& args, std::string* out = nullptr, const std::string& dir = ".", bool errors = false)
+{
+    const std::string command = shq(KZOL_TOOL) + " " + args + " </dev/null 2>" + (errors ? "&1" : "/dev/null");
+    return run("cd " + shq(dir) + " && " + command, out);
+}
+#endif
 
 }  // namespace kzol_test
