@@ -107,7 +107,7 @@ TEST(KzolListen, HostilePeersDoNotStopIt)
 
 TEST(KzolListen, SigtermEndsItInsideAFrame)
 {
-    Listener listener("--receive-timeout 60000", 3);
+    Listener listener("--receive-timeout 60000", 6);
     ASSERT_TRUE(listener.listening) << listener.err();
     const Fd peer = abstractSocket("SfDaemon/UserMsg", false);
     const std::string partial = prefix(50) + "{";  // keeps the listener waiting inside a frame
