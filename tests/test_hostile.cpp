@@ -7,14 +7,11 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <future>
-#include <thread>
 
-#include "bs_context.h"
 #include "daemon.h"
 #include "device.h"
 #include "kZOLUser.h"
@@ -132,37 +129,4 @@ TEST(HostileFiles, RealPathBeyondTheLongestPath)
     }
     ASSERT_EQ(fchdir(start), 0);
     close(start);
-}
-
-// A signed script rewritten while it is checked again and again: it shrinks,
-// grows back, and changes a byte. Every answer is 0 or 1, and nothing breaks
-// (the sanitizer builds watch the reads).
-TEST(HostileFiles, ChangingWhileChecked)
-{
-    const TempDir dir;
-    const std::string path = std::filesystem::canonical(dir.path()).string() + "/script.sh";
-    const std::string good = signedFile(std::string(100000, 'x') + c_script, "P50", devPrivateKey('5'));
-    std::string bad = good;
-    bad[50000] ^= 1;
-    writeFile(path, good);
-    const DeviceProfile device;
-    unsetenv("KZOL_EMULATE_TRACE");
-    std::atomic<bool> done{false};
-    std::thread writer([&] {
-        const int fd = open(path.c_str(), O_WRONLY);
-        for (unsigned i = 0; !done; ++i) {
-            if (ftruncate(fd, i % 3 == 0 ? 0 : static_cast<off_t>(good.size() / (i % 7 + 1))) != 0 ||
-                pwrite(fd, (i % 2 ? bad : good).data(), good.size(), 0) != static_cast<ssize_t>(good.size())) {
-                break;
-            }
-        }
-        close(fd);
-    });
-    StderrCapture err;
-    for (int i = 0; i < 100; ++i) {
-        const int answer = answerOf(path);
-        EXPECT_TRUE(answer == 0 || answer == 1) << answer;
-    }
-    done = true;
-    writer.join();
 }
