@@ -10,14 +10,17 @@
 using namespace kzol_test;
 
 // `kzol listen ARGS` in the background, its standard error in a file;
-// `timeout` ends it with SIGTERM after `seconds` (and kills it 10 seconds
-// later) and answers its own status. `listening` tells whether it held the
+// `timeout` ends it with one SIGTERM after `seconds` (and kills it 10 seconds
+// later) and answers its own status. (Without --foreground, timeout would
+// signal its whole process group again, and SIGCONT after it: signals that
+// can reach the listener while it exits, and the ASan build's leak check
+// that runs then.) `listening` tells whether it held the
 // name within 10 seconds of the start.
 struct Listener {
     explicit Listener(const std::string& args, int seconds = 60)
     {
         status = std::async(std::launch::async, [this, args, seconds] {
-            return run("timeout --preserve-status -k 10 " + std::to_string(seconds) + " " + shq(KZOL_TOOL) + " listen " +
+            return run("timeout --foreground --preserve-status -k 10 " + std::to_string(seconds) + " " + shq(KZOL_TOOL) + " listen " +
                        args + " </dev/null 2>" + shq(errors), &printed);
         });
         listening = run("for i in $(seq 1000); do grep -qs 'listening on SfDaemon/UserMsg' " + shq(errors) +
