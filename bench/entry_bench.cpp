@@ -12,6 +12,7 @@
 //                            SendSecurityReport, delivered
 //   report/round_trip        SendSecurityReport until the listener has the report
 //   threads/signed           entry/signed on 1 and on 2 threads at once
+//   threads/key_load         VerifyContext::loadPublicKey alone, 1 and 2 threads
 //
 // All are timed in elapsed time: reports wait for the listener.
 #include <benchmark/benchmark.h>
@@ -29,6 +30,7 @@
 #include "bench_support.h"
 #include "bs_context.h"
 #include "kZOLUser.h"
+#include "verify_context.h"
 
 namespace kzol_bench {
 namespace {
@@ -168,6 +170,18 @@ void registerEntry(const Workspace& workspace)
     // Each thread checks the same file; the figure is the time per call on
     // each thread, so two threads scale perfectly when it stays the same.
     timed(benchmark::RegisterBenchmark("threads/signed", entryCall, signedFile, 1, false))->Threads(1)->Threads(2);
+    // The part of every check that OpenSSL serialises: the key text parsed
+    // into a key (the library parses it for each file it verifies).
+    const std::string pem = workspace.publicKeyPem();
+    timed(benchmark::RegisterBenchmark("threads/key_load", [pem](benchmark::State& state) {
+        for (auto _ : state) {
+            VerifyContext context;
+            if (!context.loadPublicKey(pem)) {
+                state.SkipWithError("the key did not load");
+                break;
+            }
+        }
+    }))->Threads(1)->Threads(2);
 }
 
 const Family c_entryFamily("entry", registerEntry);
