@@ -65,6 +65,21 @@ std::string errnoText(int err)
     return std::strerror(err);
 }
 
+int requireRegularFile(const std::string& path, struct stat* status)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        return fail("cannot open " + path + ": " + errnoText(errno));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return fail(path + " is not a regular file");
+    }
+    if (status != nullptr) {
+        *status = st;
+    }
+    return c_exitSuccess;
+}
+
 bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error, std::size_t limit)
 {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));

@@ -5,6 +5,7 @@
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
+#include <sys/stat.h>
 
 #include <memory>
 #include <string>
@@ -60,6 +61,9 @@ std::string withOpensslErrors(const std::string& what);
 
 // The text of errno value `err`.
 std::string errnoText(int err);
+// c_exitSuccess when `path` names a regular file (its status in `status`
+// when given); otherwise reports why not and answers c_exitError.
+int requireRegularFile(const std::string& path, struct stat* status = nullptr);
 
 // Reads the whole file into `bytes`; a file longer than `limit` bytes is refused.
 bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error,

@@ -256,11 +256,8 @@ int runInspect(const InspectOptions& options)
 {
     const std::string& path = options.file;
     struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        return fail("cannot open " + path + ": " + errnoText(errno));
-    }
-    if (!S_ISREG(st.st_mode)) {
-        return fail(path + " is not a regular file");
+    if (const int status = requireRegularFile(path, &st); status != c_exitSuccess) {
+        return status;
     }
 
     Signature block;

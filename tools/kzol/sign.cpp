@@ -35,11 +35,8 @@ int runSign(const SignOptions& options)
     const std::string& file = options.file;
 
     struct stat input {};
-    if (::stat(file.c_str(), &input) != 0) {
-        return fail("cannot open " + file + ": " + errnoText(errno));
-    }
-    if (!S_ISREG(input.st_mode)) {
-        return fail(file + " is not a regular file");
+    if (const int status = requireRegularFile(file, &input); status != c_exitSuccess) {
+        return status;
     }
     if (static_cast<std::uint64_t>(input.st_size) >= std::numeric_limits<std::uint32_t>::max()) {
         return fail(file + " is too large: block positions are 32-bit");

@@ -43,12 +43,8 @@ int runVerify(const VerifyOptions& options)
     const std::string& path = options.file;
     // The library answers BS_NOT_SIGNED for a file it cannot open; a missing
     // or unreadable file is a usage error here, not a verdict.
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        return fail("cannot open " + path + ": " + errnoText(errno));
-    }
-    if (!S_ISREG(st.st_mode)) {
-        return fail(path + " is not a regular file");
+    if (const int status = requireRegularFile(path); status != c_exitSuccess) {
+        return status;
     }
     {
         UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
