@@ -30,10 +30,6 @@ inline bool isTrailingBlank(unsigned char c)
     return c == '\n' || c == ' ' || c == '\r';
 }
 
-}  // namespace
-
-namespace {
-
 // Owns a descriptor until it is handed on.
 class Descriptor {
 public:

@@ -177,7 +177,7 @@ bool isFileExists(const char* path)
     const int error = path != nullptr ? errno : EINVAL;
     char buffer[1024];
     (void)std::fprintf(stderr, "\033[1;31m[zol][%s:%s][%d];\033[0m\n", path != nullptr ? path : "(null)",
-                 strerror_r(error, buffer, sizeof(buffer)), error);
+                       strerror_r(error, buffer, sizeof(buffer)), error);
     return false;
 }
 
