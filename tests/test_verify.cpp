@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "bs_context.h"
+#include "handles.h"
 #include "test_support.h"
 #include "verify_context.h"
 
@@ -131,7 +132,7 @@ TEST(BSContext, SelectPubKeyAndFileSize)
         SCOPED_TRACE(std::to_string(size) + " bytes");
         writeFile(dir.file("f"), std::string(12345, 'z'));
         ASSERT_EQ(truncate(dir.file("f").c_str(), size), 0);
-        const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(dir.file("f").c_str(), "rb"), &std::fclose);
+        const FilePtr file(std::fopen(dir.file("f").c_str(), "rb"));
         ASSERT_NE(file, nullptr);
         EXPECT_EQ(BSContext().getFileSize(file.get()), fitsLong(size) ? static_cast<long>(size) : -1L);
     }
