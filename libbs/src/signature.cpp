@@ -152,17 +152,24 @@ bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
-    const unsigned int blockEnd = getFileSize(pFile);
-    bool loaded = false;
-    // In a file larger than the 32-bit positions reach, every wrapped position
-    // still exists; such a file never carries a block.
-    struct stat status {};
-    const bool fits = fstat(fileno(pFile), &status) == 0 && fitsPositions(status.st_size);
-    if (fits && checkSignatureFootprint(pFile, blockEnd - sizeof(c_footprint))) {
-        loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
-    }
+    const bool loaded = loadFromStream(pFile, meta);
     bs_fclose(pFile);
     return loaded;
+}
+
+bool Signature::loadFromStream(FILE* pFile, _ZolSigMeta& meta)
+{
+    const unsigned int blockEnd = getFileSize(pFile);
+    // In a file larger than the 32-bit positions reach, every wrapped position
+    // still exists; such a file never carries a block.
+    if (fseeko(pFile, 0, SEEK_END) != 0) {
+        return false;
+    }
+    const off_t size = ftello(pFile);
+    if (size < 0 || !fitsPositions(size) || !checkSignatureFootprint(pFile, blockEnd - sizeof(c_footprint))) {
+        return false;
+    }
+    return loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
 }
 
 unsigned int Signature::getFileSize(FILE* pFile) const
