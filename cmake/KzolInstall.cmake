@@ -20,7 +20,7 @@ install(TARGETS kZOLUser kzol_platform_headers EXPORT kZOLUserTargets
 install(FILES app/kZOLUser/include/kZOLUser.h DESTINATION ${KZOL_INCLUDE_DEST} COMPONENT Development)
 install(FILES
   libbs/src/bs_context.h libbs/src/signature.h libbs/src/string_utils.h libbs/src/verify_context.h
-  libbs/src/UnixSocket.h libbs/src/securezone_context.h app/kZOLUser/src/main.h
+  libbs/src/UnixSocket.h libbs/src/securezone_context.h libbs/src/handles.h app/kZOLUser/src/main.h
   DESTINATION ${KZOL_INCLUDE_DEST}/internal COMPONENT Development)
 install(DIRECTORY platform/include/ DESTINATION ${KZOL_INCLUDE_DEST}/platform COMPONENT Development)
 

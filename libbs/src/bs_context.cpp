@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "UnixSocket.h"
+#include "handles.h"
 #include "log.h"
 #include "public_keys.h"
 #include "verify_context.h"
@@ -166,20 +167,15 @@ int releaseCursor(void* cookie)
     return 0;
 }
 
-struct StreamCloser {
-    void operator()(FILE* pFile) const { std::fclose(pFile); }
-};
-using StreamOwner = std::unique_ptr<FILE, StreamCloser>;
-
 // Null when no stream can be made (memory); the descriptor stays the caller's.
-StreamOwner openDescriptor(int fd)
+FilePtr openDescriptor(int fd)
 {
     std::unique_ptr<DescriptorCursor> cursor(new (std::nothrow) DescriptorCursor{fd, 0});
     if (!cursor) {
-        return StreamOwner();
+        return FilePtr();
     }
     const cookie_io_functions_t functions{readAt, nullptr, seekTo, releaseCursor};
-    StreamOwner stream(fopencookie(cursor.get(), "rb", functions));
+    FilePtr stream(fopencookie(cursor.get(), "rb", functions));
     if (stream) {
         (void)cursor.release();  // released by the stream's close
     }
@@ -227,7 +223,7 @@ Result BSContext::verifyFile(const std::string& path, const char* caller)
 
 Result BSContext::verifyFile(int fd, const std::string& path, const char* caller)
 {
-    const StreamOwner stream = openDescriptor(fd);
+    const FilePtr stream = openDescriptor(fd);
     Signature signature;
     _ZolSigMeta meta{};
     if (!stream || !signature.loadFromStream(stream.get(), meta)) {
@@ -254,14 +250,12 @@ Result BSContext::verifyFile(const std::string& path, const Signature& signature
 bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key,
                        bool& isVerified)
 {
-    FILE* pFile = bs_fopen(path.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verify", path.c_str());
         return false;
     }
-    const bool done = verify(pFile, signature, key, isVerified);
-    bs_fclose(pFile);
-    return done;
+    return verify(file.get(), signature, key, isVerified);
 }
 
 bool BSContext::verify(FILE* pFile, const Signature& signature, const std::string& key, bool& isVerified)
@@ -363,17 +357,15 @@ bool BSContext::verifyWithDeviceId(const std::string& fileName, const Signature&
 {
     ByteBuffer data;
     readDeviceId(data, deviceId);
-    FILE* pFile = bs_fopen(fileName.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(fileName.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verifyWithDeviceId", fileName.c_str());
         return false;
     }
     // The certificate only has to be readable: none of its bytes are signed.
     VerifyContext context;
-    const bool done = context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
-                      context.checkMPI(signature, isCorrect);
-    bs_fclose(pFile);
-    return done;
+    return context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
+           context.checkMPI(signature, isCorrect);
 }
 
 Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId,

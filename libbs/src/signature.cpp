@@ -10,6 +10,7 @@
 #include <cstring>
 #include <limits>
 
+#include "handles.h"
 #include "log.h"
 
 namespace {
@@ -30,32 +31,6 @@ inline bool isTrailingBlank(unsigned char c)
     return c == '\n' || c == ' ' || c == '\r';
 }
 
-// Owns a descriptor until it is handed on.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor()
-    {
-        if (m_fd >= 0) {
-            const int error = errno;
-            close(m_fd);
-            errno = error;
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    [[nodiscard]] int get() const { return m_fd; }
-    int release()
-    {
-        const int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-
-private:
-    int m_fd;
-};
-
 bool isReadOnlyMode(const char* mode)
 {
     return mode[0] == 'r' && std::strchr(mode, '+') == nullptr;
@@ -67,7 +42,7 @@ int openForReading(const char* path)
 {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer for as long
     // as one chooses not to come, and a device node could wait on its device.
-    Descriptor fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) {
         return -1;
     }
@@ -99,13 +74,13 @@ FILE* bs_fopen(const char* path, const char* mode)
     if (!isReadOnlyMode(mode)) {
         return std::fopen(path, mode);
     }
-    Descriptor fd(openForReading(path));
+    UniqueFd fd(openForReading(path));
     if (fd.get() < 0) {
         return nullptr;
     }
     FILE* stream = fdopen(fd.get(), mode);
     if (stream != nullptr) {
-        fd.release();
+        (void)fd.release();  // the stream owns it now
     }
     return stream;
 }
@@ -113,7 +88,7 @@ FILE* bs_fopen(const char* path, const char* mode)
 void bs_fclose(FILE* pFile)
 {
     if (pFile != nullptr) {
-        (void)std::fclose(pFile);
+        FileClose()(pFile);
     }
 }
 
@@ -147,14 +122,12 @@ unsigned int Signature::offset() const
 
 bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
 {
-    FILE* pFile = bs_fopen(path.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
-    const bool loaded = loadFromStream(pFile, meta);
-    bs_fclose(pFile);
-    return loaded;
+    return loadFromStream(file.get(), meta);
 }
 
 bool Signature::loadFromStream(FILE* pFile, _ZolSigMeta& meta)
