@@ -172,7 +172,7 @@ FilePtr openDescriptor(int fd)
 {
     std::unique_ptr<DescriptorCursor> cursor(new (std::nothrow) DescriptorCursor{fd, 0});
     if (!cursor) {
-        return FilePtr();
+        return {};
     }
     const cookie_io_functions_t functions{readAt, nullptr, seekTo, releaseCursor};
     FilePtr stream(fopencookie(cursor.get(), "rb", functions));

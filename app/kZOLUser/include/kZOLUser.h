@@ -56,10 +56,12 @@
 #ifndef KZOLUSER_H
 #define KZOLUSER_H
 
+/* NOLINTBEGIN(cppcoreguidelines-macro-usage): constants of a C header */
 #define KZOL_VERSION_MAJOR 1
 #define KZOL_VERSION_MINOR 1
 #define KZOL_VERSION_PATCH 0
 #define KZOL_VERSION "1.1.0"
+/* NOLINTEND(cppcoreguidelines-macro-usage) */
 
 #ifdef __cplusplus
 extern "C" {
