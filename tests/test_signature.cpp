@@ -90,7 +90,8 @@ TEST(SignatureLoad, CraftedFiles)
             signature.composeSignature(tail);
             Signature assigned;
             assigned = Signature(signature);  // a copy, assigned: the same text and offset
-            EXPECT_TRUE(assigned.offset() == c.offset && assigned == signature) << c.name;
+            EXPECT_EQ(assigned.offset(), c.offset) << c.name;
+            EXPECT_EQ(assigned, signature) << c.name;
             EXPECT_EQ(signature.offset(), c.offset) << c.name;
             EXPECT_EQ(std::string({meta.sigType, meta.keyId}), c.meta) << c.name;
             EXPECT_EQ(std::string(signature.begin(), signature.end()), text + '\0') << c.name;

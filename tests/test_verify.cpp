@@ -121,7 +121,9 @@ TEST(VerifyFile, CheckNotCarriedOut)
 TEST(BSContext, SelectPubKeyAndFileSize)
 {
     std::string key = "a key from before";  // only 'P' selects; an unknown selector clears the key
-    EXPECT_FALSE(BSContext().SelectPubKey('p', '5', key) || BSContext().SelectPubKey('P', '9', key) || !key.empty());
+    EXPECT_FALSE(BSContext().SelectPubKey('p', '5', key)) << "type p";
+    EXPECT_FALSE(BSContext().SelectPubKey('P', '9', key)) << "selector 9";
+    EXPECT_EQ(key, "");
     const TempDir dir;
     writeFile(dir.file("f"), std::string(12345, 'z'));
     const FilePtr file(std::fopen(dir.file("f").c_str(), "rb"));
@@ -189,12 +191,17 @@ TEST(VerifyContext, ReusedAfterDestroy)
 {
     VerifyContext c;
     ByteBuffer mpi;
-    ASSERT_TRUE(c.loadKey(m().key) && c.init() && c.update(ByteBuffer{'x'}));
+    ASSERT_TRUE(c.loadKey(m().key));
+    ASSERT_TRUE(c.init());
+    ASSERT_TRUE(c.update(ByteBuffer{'x'}));
     c.destroyKey();
     c.destroyContext();
-    ASSERT_TRUE(c.loadKey(m().key) && toMPIString(m().sig, mpi));
+    ASSERT_TRUE(c.loadKey(m().key));
+    ASSERT_TRUE(toMPIString(m().sig, mpi));
     for (int round = 0; round < 4; ++round) {
+        SCOPED_TRACE(round);
         bool v = false;
-        EXPECT_TRUE((round % 2 ? c.checkSignatureMPI(m().data, mpi, v) : c.checkSignature(m().data, m().sig, v)) && v);
+        EXPECT_TRUE(round % 2 ? c.checkSignatureMPI(m().data, mpi, v) : c.checkSignature(m().data, m().sig, v));
+        EXPECT_TRUE(v);
     }
 }
