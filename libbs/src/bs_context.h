@@ -42,6 +42,10 @@ public:
     // Loads the block of `path`, selects the built-in key it names and checks
     // the signature over the signed region: 0, 4, 5 or 6.
     Result verifyFile(const std::string& path, const char* caller);
+    // The same for the file open on `fd`: its bytes are read from the
+    // descriptor (at positions of their own, whatever its offset), `path`
+    // names it in the messages. The descriptor stays open.
+    Result verifyFile(int fd, const std::string& path, const char* caller);
     // The check itself, with a loaded block and the key text: 0, 5 or 6.
     Result verifyFile(const std::string& path, const Signature& signature, const std::string& key,
                       const char* caller);
