@@ -110,18 +110,46 @@ bool deliver(UnixSocket& socket, const Json::Value& message, const char* functio
     return true;
 }
 
+// Type 'P' with selector '5' or '6' selects the matching key text; an empty
+// text selects nothing.
+bool selectKey(char sigType, char keyId, const std::string& key5, const std::string& key6, std::string& key)
+{
+    if (sigType != 'P') {
+        return false;
+    }
+    switch (keyId) {
+    case '5':
+        key = key5;
+        break;
+    case '6':
+        key = key6;
+        break;
+    default:
+        key.clear();
+        break;
+    }
+    return !key.empty();
+}
+
 }  // namespace
 
 Result BSContext::verifyFile(const std::string& path, const char* caller)
 {
+    return verifyFileWithKeys(path, kzol_keys::c_publicKey5, kzol_keys::c_publicKey6, caller);
+}
+
+Result BSContext::verifyFileWithKeys(const std::string& path, const std::string& publicKey5,
+                                     const std::string& publicKey6, const char* caller)
+{
     Signature signature;
     _ZolSigMeta meta{};
     if (!signature.loadFromFile(path, meta)) {
-        KZOL_LOGE("[zol][%s]! : \033[1;31mNot Signed [ file_path : %s ]\033[0m", caller, path.c_str());
+        KZOL_LOGE_IN("verifyFile", "[zol][%s]! : \033[1;31mNot Signed [ file_path : %s ]\033[0m", caller,
+                     path.c_str());
         return BS_NOT_SIGNED;
     }
     std::string key;
-    if (!SelectPubKey(meta.sigType, meta.keyId, key)) {
+    if (!selectKey(meta.sigType, meta.keyId, publicKey5, publicKey6, key)) {
         return BS_ERROR;
     }
     return verifyFile(path, signature, key, caller);
@@ -194,21 +222,7 @@ bool BSContext::verifyFileContent(FILE* pFile, VerifyContext& context, unsigned 
 
 bool BSContext::SelectPubKey(char sigType, char keyId, std::string& key)
 {
-    if (sigType != 'P') {
-        return false;
-    }
-    switch (keyId) {
-    case '5':
-        key = kzol_keys::c_publicKey5;
-        break;
-    case '6':
-        key = kzol_keys::c_publicKey6;
-        break;
-    default:
-        key.clear();
-        break;
-    }
-    return !key.empty();
+    return selectKey(sigType, keyId, kzol_keys::c_publicKey5, kzol_keys::c_publicKey6, key);
 }
 
 long BSContext::getFileSize(FILE* pFile)

@@ -199,13 +199,23 @@ std::string GetDUID()
     return duid;
 }
 
-// Whether the file may run (1) or is refused (0). A failure that would escape
-// as an exception (such as exhausted memory) refuses the file: the gate fails
-// closed, and no caller can take an exception.
-extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) try {
+namespace {
+
+// The policy. `decision` (when given) learns which step decided and, when the
+// signature was checked, the result.
+int decide(const char* fileName, const char* caller, kzol_decision* decision)
+{
+    const auto decided = [decision](int step, int result) {
+        if (decision != nullptr) {
+            decision->step = step;
+            decision->result = result;
+        }
+    };
+    decided(KZOL_STEP_FAILURE, BS_ERROR);
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
-        KZOL_LOGE("%s does not exist;", fileName != nullptr ? fileName : "(null)");
+        KZOL_LOGE_IN("verifyFileWihtoutKey", "%s does not exist;", fileName != nullptr ? fileName : "(null)");
+        decided(KZOL_STEP_MISSING, BS_ERROR);
         return 0;
     }
     const char* callerName = caller != nullptr ? caller : "NULL";
@@ -213,9 +223,11 @@ extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) tr
     char resolved[4097];
     std::memset(resolved, 0, sizeof(resolved));
     if (context.checkFileIsInRWUser(fileName, resolved) != 0) {
+        decided(KZOL_STEP_OUTSIDE_AREAS, BS_ERROR);
         return 1;
     }
     if (!IsDTV()) {
+        decided(KZOL_STEP_NOT_TELEVISION, BS_ERROR);
         return 1;
     }
 
@@ -223,29 +235,53 @@ extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) tr
     if (findCertificate(certificate)) {
         const std::string duid = GetDUID();
         if (context.verifyFileWithDeviceId(certificate, duid, callerName) == BS_SIGNATURE_CORRECT) {
-            KZOL_LOGI("[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+            KZOL_LOGI_IN("verifyFileWihtoutKey", "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+            decided(KZOL_STEP_DISABLE_CERTIFICATE, BS_ERROR);
             return 1;
         }
     }
 
     SecureZoneContext zone(c_zonePath);
     if (!zone.isRootUID() && zone.isIsolatedContainer()) {
+        decided(KZOL_STEP_ISOLATED_CONTAINER, BS_ERROR);
         return 1;
     }
 
     if (!isFileExists(resolved)) {
-        KZOL_LOGE("[zol][%s is not existed];", resolved);
+        KZOL_LOGE_IN("verifyFileWihtoutKey", "[zol][%s is not existed];", resolved);
     }
     const std::string realPath(resolved);
     const Result result = context.verifyFile(realPath, callerName);
+    decided(KZOL_STEP_SIGNATURE, result);
     if (result == BS_SIGNATURE_CORRECT) {
         return 1;
     }
     if (!context.SendRequestNotification(realPath, callerName, result)) {
-        KZOL_LOGE("[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m", callerName);
+        KZOL_LOGE_IN("verifyFileWihtoutKey", "[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m",
+                     callerName);
     }
     return 0;
+}
+
+}  // namespace
+
+// Whether the file may run (1) or is refused (0). A failure that would escape
+// as an exception (such as exhausted memory) refuses the file: the gate fails
+// closed, and no caller can take an exception.
+extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) try {
+    return decide(fileName, caller, nullptr);
 } catch (...) {
+    return 0;
+}
+
+// The same answer, with the step that decided it.
+extern "C" int verifyFileExplained(const char* fileName, const char* caller, kzol_decision* decision) try {
+    return decide(fileName, caller, decision);
+} catch (...) {
+    if (decision != nullptr) {
+        decision->step = KZOL_STEP_FAILURE;
+        decision->result = BS_ERROR;
+    }
     return 0;
 }
 
