@@ -1,17 +1,13 @@
 #include "bs_context.h"
 
-#include <json/json.h>
-
 #include <sys/types.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
-#include "UnixSocket.h"
+#include "handles.h"
 #include "log.h"
 #include "public_keys.h"
 #include "verify_context.h"
@@ -20,95 +16,10 @@ namespace {
 
 constexpr unsigned int c_readChunk = 16384;
 
-// Report message keys and fixed values.
-const char c_taskTagTaskName[] = "TaskName";
-const char c_taskUserBlockMsg[] = "UserBlockMsg";
-const char c_taskTagState[] = "State";
-const char c_taskStateShowNoti[] = "ShowNoti";
-const char c_taskReportFileSend[] = "Action/FileSend";
-const char c_taskTagReportSeq[] = "Report/ReportSeq";
-const char c_taskTagCaller[] = "Report/Caller";
-const char c_taskTagFileType[] = "Report/FileType";
-const char c_taskTagDescription[] = "Report/Decription";
-const char c_taskTagPath[] = "Report/Path";
-const char c_daemonNameUserMsg[] = "SfDaemon/UserMsg";
-
-const char c_fileTypeScript[] = "SCRIPT";
-
 // User-writable areas, then the directories below them that are not; both are
 // matched as plain prefixes, the second against the rest after the area.
 constexpr std::string_view c_userAreas[] = {"/opt", "/tmp"};
 constexpr std::string_view c_excludedDirectories[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
-
-// Longest value of each text member, in bytes.
-constexpr std::size_t c_callerLimit = 16;
-constexpr std::size_t c_fileTypeLimit = 16;
-constexpr std::size_t c_descriptionLimit = 1024;
-constexpr std::size_t c_pathLimit = 256;
-
-// The first `limit` bytes of a text; an absent text is empty.
-std::string capped(const char* text, std::size_t limit)
-{
-    return text == nullptr ? std::string() : std::string(text, strnlen(text, limit));
-}
-
-// Time of day in UTC with microseconds, HHMMSS then the microseconds without
-// leading zeros: the report sequence.
-char* GetUsSysTime(char* buffer, int size)
-{
-    if (buffer == nullptr || size <= 0) {
-        return buffer;
-    }
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm utc{};
-    gmtime_r(&now.tv_sec, &utc);
-    char text[48];
-    const int length = std::snprintf(text, sizeof(text), "%02d%02d%02d%ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
-                                     static_cast<long>(now.tv_nsec / 1000));
-    const std::size_t kept = std::min<std::size_t>(length > 0 ? static_cast<std::size_t>(length) : 0,
-                                                   static_cast<std::size_t>(size - 1));
-    std::memcpy(buffer, text, kept);
-    buffer[kept] = '\0';
-    buffer[size - 1] = '\0';
-    return buffer;
-}
-
-// The members that every report carries, with the moment it is built.
-void fillCommon(Json::Value& message, int kind)
-{
-    message[c_taskTagTaskName] = c_taskUserBlockMsg;
-    message[c_taskTagState] = c_taskStateShowNoti;
-    message[c_taskReportFileSend] = kind;
-    char sequence[20] = {};
-    message[c_taskTagReportSeq] = GetUsSysTime(sequence, sizeof(sequence));
-}
-
-bool connectToDaemon(UnixSocket& socket, const char* function)
-{
-    if (socket.ConnectToHost(c_daemonNameUserMsg) != 0) {
-        KZOL_LOGE_IN(function, "Failed to connect to vexmd;");
-        socket.Disconnect();
-        return false;
-    }
-    return true;
-}
-
-// Sends one message and closes the connection. A lost message is logged but
-// only a failed close makes the answer false.
-bool deliver(UnixSocket& socket, const Json::Value& message, const char* function)
-{
-    const Json::StreamWriterBuilder builder;
-    const std::string text = Json::writeString(builder, message);
-    if (!socket.SendString(text)) {
-        KZOL_LOGE_IN(function, "Failed to send request [%s];", text.c_str());
-    }
-    if (socket.IsConnected() && socket.Disconnect() != 0) {
-        KZOL_LOGE_IN(function, "Failed to disconnect;");
-        return false;
-    }
-    return true;
-}
 
 // Type 'P' with selector '5' or '6' selects the matching key text; an empty
 // text selects nothing.
@@ -174,14 +85,12 @@ Result BSContext::verifyFile(const std::string& path, const Signature& signature
 bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key,
                        bool& isVerified)
 {
-    FILE* pFile = bs_fopen(path.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verify", path.c_str());
         return false;
     }
-    const bool done = verify(pFile, signature, key, isVerified);
-    bs_fclose(pFile);
-    return done;
+    return verify(file.get(), signature, key, isVerified);
 }
 
 bool BSContext::verify(FILE* pFile, const Signature& signature, const std::string& key, bool& isVerified)
@@ -269,17 +178,15 @@ bool BSContext::verifyWithDeviceId(const std::string& fileName, const Signature&
 {
     ByteBuffer data;
     readDeviceId(data, deviceId);
-    FILE* pFile = bs_fopen(fileName.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(fileName.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verifyWithDeviceId", fileName.c_str());
         return false;
     }
     // The certificate only has to be readable: none of its bytes are signed.
     VerifyContext context;
-    const bool done = context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
-                      context.checkMPI(signature, isCorrect);
-    bs_fclose(pFile);
-    return done;
+    return context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
+           context.checkMPI(signature, isCorrect);
 }
 
 Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId,
@@ -305,64 +212,4 @@ Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std:
     }
     KZOL_LOGE("[zol][%s]! : \033[1;31mDUID Incorrect Signed [ file_path : %s ]\033[0m", caller, fileName.c_str());
     return BS_SIGNATURE_INCORRECT;
-}
-
-std::string BSContext::ComposeDescription(const char* subject, const char* object, Result result) const
-{
-    const char* name = "";
-    switch (static_cast<std::int32_t>(result)) {
-    case BS_ERROR: name = "BS_ERROR"; break;
-    case BS_INVALID_FILE_TYPE: name = "BS_INVALID_FILE_TYPE"; break;
-    case BS_NOT_SIGNED: name = "BS_NOT_SIGNED"; break;
-    case BS_SIGNATURE_INCORRECT: name = "BS_SIGNATURE_INCORRECT"; break;
-    default: break;  // 5 and every other value have no name
-    }
-    std::string description;
-    description.reserve(64 + (subject != nullptr ? std::strlen(subject) : 0) +
-                        (object != nullptr ? std::strlen(object) : 0));
-    description += "ver:\"";
-    description += "1\",";
-    description += "subject:\"";
-    description += subject != nullptr ? subject : "";
-    description += "\",";
-    description += "object:\"";
-    description += object != nullptr ? object : "";
-    description += "\",";
-    description += "result:\"";
-    description += name;
-    description += "\",";
-    return description;
-}
-
-bool BSContext::SendRequestNotification(const std::string& path, const char* caller, Result result) const
-{
-    UnixSocket socket;
-    if (!connectToDaemon(socket, __func__)) {
-        return false;
-    }
-    Json::Value message;
-    fillCommon(message, 1);
-    message[c_taskTagFileType] = c_fileTypeScript;
-    message[c_taskTagDescription] = ComposeDescription(path.c_str(), caller, result);
-    message[c_taskTagCaller] = capped(caller, c_callerLimit);
-    message[c_taskTagPath] = capped(path.c_str(), c_pathLimit);
-    return deliver(socket, message, __func__);
-}
-
-bool BSContext::SendRequestNotification(const char* caller, const char* fileType, const char* path,
-                                        const char* description, int kind) const
-{
-    UnixSocket socket;
-    if (!connectToDaemon(socket, __func__)) {
-        return false;
-    }
-    Json::Value message;
-    fillCommon(message, kind);
-    message[c_taskTagCaller] = capped(caller, c_callerLimit);
-    message[c_taskTagFileType] = capped(fileType, c_fileTypeLimit);
-    message[c_taskTagDescription] = capped(description, c_descriptionLimit);
-    char resolved[4097] = {};
-    const bool isResolved = path != nullptr && realpath(path, resolved) != nullptr;
-    message[c_taskTagPath] = capped(isResolved ? resolved : path, c_pathLimit);
-    return deliver(socket, message, __func__);
 }

@@ -1,7 +1,8 @@
 // BSContext: the verification driver (signature block, key selection, hashing
-// of the signed region), the report composition and sending, and the policy's
-// area test and device-bound verification. It holds no data: one is built on
-// the stack for each call.
+// of the signed region), the policy's area test and device-bound verification
+// (bs_context.cpp), and the report composition and sending
+// (bs_context_report.cpp). It holds no data: one is built on the stack for
+// each call.
 #pragma once
 
 #include <cstdint>
@@ -22,6 +23,19 @@ enum Result : std::int32_t {
     BS_SIGNATURE_CORRECT = 5,
     BS_SIGNATURE_INCORRECT = 6,
 };
+
+// The name of a result ("BS_NOT_SIGNED"), or null for a value that is none.
+inline const char* resultName(Result result)
+{
+    switch (static_cast<std::int32_t>(result)) {
+    case BS_ERROR: return "BS_ERROR";
+    case BS_INVALID_FILE_TYPE: return "BS_INVALID_FILE_TYPE";
+    case BS_NOT_SIGNED: return "BS_NOT_SIGNED";
+    case BS_SIGNATURE_CORRECT: return "BS_SIGNATURE_CORRECT";
+    case BS_SIGNATURE_INCORRECT: return "BS_SIGNATURE_INCORRECT";
+    default: return nullptr;
+    }
+}
 
 class BSContext {
 public:

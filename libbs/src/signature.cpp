@@ -10,51 +10,23 @@
 #include <cstring>
 #include <limits>
 
+#include "block_layout.h"
+#include "handles.h"
 #include "log.h"
 
 namespace {
 
-constexpr unsigned char c_footprint[4] = {':', 'Z', 'O', 'L'};
-constexpr unsigned int c_lengthFieldSize = 8;
-constexpr unsigned int c_tailSize = c_lengthFieldSize + sizeof(c_footprint);
-constexpr unsigned int c_blankWindow = 8;
-constexpr unsigned int c_metaFieldSize = 3;
+using block_layout::c_blankWindow;
+using block_layout::c_footprint;
+using block_layout::c_footprintSize;
+using block_layout::c_lengthFieldSize;
+using block_layout::c_metaFieldSize;
+using block_layout::c_tailSize;
 
 inline bool fitsPositions(off_t size)
 {
     return static_cast<std::uint64_t>(size) <= std::numeric_limits<std::uint32_t>::max();
 }
-
-inline bool isTrailingBlank(unsigned char c)
-{
-    return c == '\n' || c == ' ' || c == '\r';
-}
-
-// Owns a descriptor until it is handed on.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor()
-    {
-        if (m_fd >= 0) {
-            const int error = errno;
-            close(m_fd);
-            errno = error;
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    [[nodiscard]] int get() const { return m_fd; }
-    int release()
-    {
-        const int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-
-private:
-    int m_fd;
-};
 
 bool isReadOnlyMode(const char* mode)
 {
@@ -67,7 +39,7 @@ int openForReading(const char* path)
 {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer for as long
     // as one chooses not to come, and a device node could wait on its device.
-    Descriptor fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) {
         return -1;
     }
@@ -99,13 +71,13 @@ FILE* bs_fopen(const char* path, const char* mode)
     if (!isReadOnlyMode(mode)) {
         return std::fopen(path, mode);
     }
-    Descriptor fd(openForReading(path));
+    UniqueFd fd(openForReading(path));
     if (fd.get() < 0) {
         return nullptr;
     }
     FILE* stream = fdopen(fd.get(), mode);
     if (stream != nullptr) {
-        fd.release();
+        (void)fd.release();  // the stream owns it now
     }
     return stream;
 }
@@ -113,7 +85,7 @@ FILE* bs_fopen(const char* path, const char* mode)
 void bs_fclose(FILE* pFile)
 {
     if (pFile != nullptr) {
-        (void)std::fclose(pFile);
+        FileClose()(pFile);
     }
 }
 
@@ -147,21 +119,21 @@ unsigned int Signature::offset() const
 
 bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
 {
-    FILE* pFile = bs_fopen(path.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
+    FILE* const pFile = file.get();
     const unsigned int blockEnd = getFileSize(pFile);
     bool loaded = false;
     // In a file larger than the 32-bit positions reach, every wrapped position
     // still exists; such a file never carries a block.
     struct stat status {};
     const bool fits = fstat(fileno(pFile), &status) == 0 && fitsPositions(status.st_size);
-    if (fits && checkSignatureFootprint(pFile, blockEnd - sizeof(c_footprint))) {
+    if (fits && checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
         loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
     }
-    bs_fclose(pFile);
     return loaded;
 }
 
@@ -192,7 +164,7 @@ unsigned int Signature::getFileSize(FILE* pFile) const
     }
     unsigned int blanks = 0;
     for (unsigned char c : last) {
-        if (isTrailingBlank(c)) {
+        if (block_layout::isTrailingBlank(c)) {
             ++blanks;
         }
     }
@@ -201,9 +173,9 @@ unsigned int Signature::getFileSize(FILE* pFile) const
 
 bool Signature::checkSignatureFootprint(FILE* pFile, unsigned int position) const
 {
-    unsigned char bytes[sizeof(c_footprint)];
+    unsigned char bytes[c_footprintSize];
     return readFromFile(pFile, position, bytes, sizeof(bytes)) &&
-           std::memcmp(bytes, c_footprint, sizeof(c_footprint)) == 0;
+           std::memcmp(bytes, c_footprint, c_footprintSize) == 0;
 }
 
 bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSigMeta& meta)
@@ -212,15 +184,10 @@ bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSig
     if (!readFromFile(pFile, position, field, sizeof(field))) {
         return false;
     }
-    char decoded[6];  // up to 3 bytes for every 4 characters
-    unsigned int decodedLength = 0;
-    if (!base64_decode(field, sizeof(field), decoded, &decodedLength) || decodedLength != 4) {
+    unsigned int textLength = 0;
+    if (!block_layout::decodeLengthField(field, textLength)) {
         return false;
     }
-    const auto* be = reinterpret_cast<const unsigned char*>(decoded);
-    const unsigned int textLength = (static_cast<unsigned int>(be[0]) << 24) |
-                                    (static_cast<unsigned int>(be[1]) << 16) |
-                                    (static_cast<unsigned int>(be[2]) << 8) | be[3];
     if (position <= textLength) {
         return false;
     }
@@ -248,7 +215,7 @@ bool Signature::getSignatureInfo(FILE* pFile, unsigned int position, _ZolSigMeta
         return false;
     }
     const char type = static_cast<char>(field[0]);
-    if (type != 'L' && type != 'P') {
+    if (!block_layout::isSignatureType(type)) {
         KZOL_LOGE("Signature::%s(): file to read file signature type[%c]", "getSignatureInfo", type);
         return false;
     }
@@ -278,11 +245,8 @@ void Signature::composeSignature(ByteBuffer& out) const
     const auto textLength = static_cast<unsigned int>(size() - 1);
     out.reserve(textLength + c_tailSize);
     out.assign(begin(), begin() + textLength);
-    const unsigned char be[4] = {
-        static_cast<unsigned char>(textLength >> 24), static_cast<unsigned char>(textLength >> 16),
-        static_cast<unsigned char>(textLength >> 8), static_cast<unsigned char>(textLength)};
     char field[c_lengthFieldSize];
-    base64_encode(reinterpret_cast<const char*>(be), sizeof(be), field, sizeof(field));
+    block_layout::encodeLengthField(textLength, field);
     out.insert(out.end(), field, field + sizeof(field));
-    out.insert(out.end(), c_footprint, c_footprint + sizeof(c_footprint));
+    out.insert(out.end(), c_footprint, c_footprint + c_footprintSize);
 }

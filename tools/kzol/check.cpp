@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "commands.h"
 #include "bs_context.h"
+#include "commands.h"
 #include "common.h"
 #include "kZOLUser.h"
 
@@ -19,20 +19,6 @@ struct CheckOptions {
     std::string file;
     std::string caller = "kzol";
 };
-
-const char* resultName(int result)
-{
-    switch (result) {
-    case BS_NOT_SIGNED:
-        return "BS_NOT_SIGNED";
-    case BS_SIGNATURE_CORRECT:
-        return "BS_SIGNATURE_CORRECT";
-    case BS_SIGNATURE_INCORRECT:
-        return "BS_SIGNATURE_INCORRECT";
-    default:
-        return "BS_ERROR";
-    }
-}
 
 // The reason shown beside the answer, from the step the library names.
 std::string reasonOf(const kzol_decision& decision)
@@ -49,7 +35,10 @@ std::string reasonOf(const kzol_decision& decision)
     case KZOL_STEP_ISOLATED_CONTAINER:
         return "isolated container";
     case KZOL_STEP_SIGNATURE:
-        return resultName(decision.result);
+        if (const char* name = resultName(static_cast<Result>(decision.result)); name != nullptr) {
+            return name;
+        }
+        return "BS_ERROR";
     default:
         return "failure inside the library";
     }

@@ -206,10 +206,7 @@ FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string
     }
     // The library's reader must find exactly the new block before the file
     // takes the destination's name.
-    Signature check;
-    _ZolSigMeta checkMeta{};
-    if (!check.loadFromFile(writer.temporaryPath(), checkMeta) || check.offset() != signedRegion ||
-        checkMeta.sigType != type || checkMeta.keyId != keyId) {
+    if (!blockReadsBack(writer.temporaryPath(), static_cast<std::size_t>(copied), type, keyId)) {
         return failed("the library does not read the new block back; " + destination + " left as it was");
     }
     if (!writer.commit(destinationExists, error)) {

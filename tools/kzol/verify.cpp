@@ -25,23 +25,6 @@ struct VerifyOptions {
     std::vector<std::string> publicKeys;
 };
 
-const char* resultName(Result result)
-{
-    switch (result) {
-    case BS_ERROR:
-        return "BS_ERROR";
-    case BS_INVALID_FILE_TYPE:
-        return "BS_INVALID_FILE_TYPE";
-    case BS_NOT_SIGNED:
-        return "BS_NOT_SIGNED";
-    case BS_SIGNATURE_CORRECT:
-        return "BS_SIGNATURE_CORRECT";
-    case BS_SIGNATURE_INCORRECT:
-        return "BS_SIGNATURE_INCORRECT";
-    }
-    return "BS_ERROR";
-}
-
 // The library answers BS_NOT_SIGNED for a file it cannot open; a missing or
 // unreadable file is an I/O error here, not a verdict.
 int requireReadable(const std::string& path)
@@ -78,7 +61,8 @@ int runVerify(const VerifyOptions& options)
         BSContext context;
         const Result result = givenKeys ? context.verifyFileWithKeys(path, keys.pem5, keys.pem6, options.caller.c_str())
                                         : context.verifyFile(path, options.caller.c_str());
-        std::cout << (named ? path + ": " : std::string()) << resultName(result) << "\n";
+        const char* name = resultName(result);
+        std::cout << (named ? path + ": " : std::string()) << (name != nullptr ? name : "BS_ERROR") << "\n";
         if (result != BS_SIGNATURE_CORRECT && status == c_exitSuccess) {
             status = c_exitNegative;
         }
