@@ -36,11 +36,11 @@ enum kzol_step {
     KZOL_STEP_ISOLATED_CONTAINER = 5, /* allowed: an isolated container */
     KZOL_STEP_SIGNATURE = 6           /* the signature check decided; see result */
 };
-typedef struct kzol_decision {
+struct kzol_decision {
     int step;   /* enum kzol_step */
     int result; /* verification result for KZOL_STEP_SIGNATURE, else 0 */
-} kzol_decision;
-int verifyFileExplained(const char *fileName, const char *caller, kzol_decision *decision);
+};
+int verifyFileExplained(const char *fileName, const char *caller, struct kzol_decision *decision);
 int verifyFile(void *unused, const char *fileName, const char *caller);
 int SendSecurityReport(const char *caller, const char *fileType, const char *path,
                        const char *description, int type);
