@@ -59,28 +59,40 @@ TEST(Policy, Outcomes)
     const Files f;
     const std::string missing = f.area + "/missing.sh", viaLink = f.area + "/via-link.sh";
     ASSERT_EQ(symlink(f.unsignedOne.c_str(), viaLink.c_str()), 0);
-    const std::string valid = certificate(DeviceProfile::c_deviceId, "P60", devPrivateKey('6')),
-                      otherDevice = certificate("DUID-OTHER", "P60", devPrivateKey('6')),
-                      validChanged = changed(valid, 0), id = "vconf/db/comss/hwduid";
+    // Certificates for this device, for another, and one changed before its block.
+    const std::string valid = certificate(DeviceProfile::c_deviceId, "P60", devPrivateKey('6'));
+    const std::string otherDevice = certificate("DUID-OTHER", "P60", devPrivateKey('6'));
+    const std::string validChanged = changed(valid, 0);
+    const std::string id = "vconf/db/comss/hwduid";
     // Files of the device profile; a certificate on stick a or b ("@" in the
     // expected lines stands for the sticks' directory).
     using Set = std::pair<std::string, const char*>;
-    const Set isolated{"zone", "2 1\n"}, certA{"usb/a/RTZOLOFF.cer", valid.c_str()},
-        otherA{certA.first, otherDevice.c_str()}, certB{"usb/b/RTZOLOFF.cer", valid.c_str()},
-        otherB{certB.first, otherDevice.c_str()}, noMount{"usb/z.nomount", ""}, walkFails{"usb/.foreach-result", "-1"};
+    const Set isolated{"zone", "2 1\n"};
+    const Set certA{"usb/a/RTZOLOFF.cer", valid.c_str()};
+    const Set otherA{certA.first, otherDevice.c_str()};
+    const Set certB{"usb/b/RTZOLOFF.cer", valid.c_str()};
+    const Set otherB{certB.first, otherDevice.c_str()};
+    const Set noMount{"usb/z.nomount", ""};
+    const Set walkFails{"usb/.foreach-result", "-1"};
     const auto found = &certificateFoundLine;
     const char* const ns = "BS_NOT_SIGNED";
-    const std::string a = "@/a/RTZOLOFF.cer", b = "@/b/RTZOLOFF.cer", tv = tvTrace(), offTrace = tvTrace(1, true, ""),
-                      noIdErr = "BSContext::verifyFileWithDeviceId(): error during signature check\n",
-                      notSigned = checkLine("Not Signed", f.unsignedOne),
-                      correct = checkLine("Correct Signed", f.signedOne),
-                      yesA = checkLine("DUID Correct Signed", a), noA = checkLine("DUID Incorrect Signed", a),
-                      yesB = checkLine("DUID Correct Signed", b), noB = checkLine("DUID Incorrect Signed", b),
-                      disabled = infoLine("main.cpp", "verifyFileWihtoutKey",
-                                          "[zol][loader] : \033[1;35mDisable Script ZOL\033[0m");
+    const std::string a = "@/a/RTZOLOFF.cer";
+    const std::string b = "@/b/RTZOLOFF.cer";
+    // Traces: the full walk without a certificate, and one stick whose certificate switches the check off.
+    const std::string tv = tvTrace();
+    const std::string offTrace = tvTrace(1, true, "");
+    const std::string noIdErr = "BSContext::verifyFileWithDeviceId(): error during signature check\n";
+    const std::string notSigned = checkLine("Not Signed", f.unsignedOne);
+    const std::string correct = checkLine("Correct Signed", f.signedOne);
+    const std::string yesA = checkLine("DUID Correct Signed", a);
+    const std::string noA = checkLine("DUID Incorrect Signed", a);
+    const std::string yesB = checkLine("DUID Correct Signed", b);
+    const std::string noB = checkLine("DUID Incorrect Signed", b);
+    const std::string disabled =
+        infoLine("main.cpp", "verifyFileWihtoutKey", "[zol][loader] : \033[1;35mDisable Script ZOL\033[0m");
     const Lines noId = {found(a), c_noDeviceIdLine,
-                        errorLine("verify_context.cpp", "update", "VerifyContext::update(): data is empty"), notSigned},
-                off = {found(a), yesA, disabled};  // the certificate on a switches the check off
+                        errorLine("verify_context.cpp", "update", "VerifyContext::update(): data is empty"), notSigned};
+    const Lines off = {found(a), yesA, disabled};  // the certificate on a switches the check off
     struct Case {
         const char* name;
         std::vector<Set> device;
@@ -122,6 +134,7 @@ TEST(Policy, Outcomes)
     };
     DaemonListener daemon;
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         DeviceProfile device;
         for (const auto& [file, content] : c.device) {
             device.set(file, content);
@@ -129,23 +142,22 @@ TEST(Policy, Outcomes)
         clearLog();
         StderrCapture err;
         const std::string file = c.file.empty() ? f.unsignedOne : c.file;
-        EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), c.caller), c.answer) << c.name;
+        EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), c.caller), c.answer);
         Lines log = c.log;
         for (auto& line : log) {
             for (auto at = line.find('@'); at != std::string::npos; at = line.find('@')) {
                 line.replace(at, 1, device.path() + "/usb");
             }
         }
-        EXPECT_EQ(loggedLines(), log) << c.name;
-        EXPECT_EQ(device.takeTrace(), c.trace) << c.name;
+        EXPECT_EQ(loggedLines(), log);
+        EXPECT_EQ(device.takeTrace(), c.trace);
         const std::string caller = c.caller ? c.caller : "NULL",
                           path = c.result.empty() ? "" : std::filesystem::canonical(file).string(),
                           description = "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"";
         EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
                                                    : Lines{frame(reportText(1, caller, "SCRIPT",
-                                                                            description + c.result + "\",", path))})
-            << c.name;
-        EXPECT_EQ(err.finish(), c.err) << c.name;
+                                                                            description + c.result + "\",", path))});
+        EXPECT_EQ(err.finish(), c.err);
     }
     daemon.stop();
     const DeviceProfile device;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 #include "handles.h"
@@ -141,7 +142,14 @@ long BSContext::getFileSize(FILE* pFile)
         return 0;
     }
     fseeko(pFile, 0, SEEK_END);
-    return static_cast<long>(ftello(pFile));
+    const off_t size = ftello(pFile);
+    // Where long is 32 bits, a size from 2 GiB on does not fit: -1 with
+    // EOVERFLOW, as ftell answers, rather than a wrapped size.
+    if (size > static_cast<off_t>(std::numeric_limits<long>::max())) {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    return static_cast<long>(size);
 }
 
 int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const

@@ -64,7 +64,8 @@ public:
     // Type 'P' with selector '5' or '6' selects a built-in public key.
     bool SelectPubKey(char sigType, char keyId, std::string& key);
 
-    // Size of the open file in bytes (the file is left at its end); 0 for null.
+    // Size of the open file in bytes (the file is left at its end); 0 for null;
+    // -1 (errno EOVERFLOW) for a size that long cannot hold, as ftell.
     long getFileSize(FILE* pFile);
 
     // Resolves `path` into `resolved` (room for PATH_MAX bytes) and answers 0
