@@ -48,6 +48,10 @@ public:
     // empty text selects nothing, so a block naming that selector is BS_ERROR.
     Result verifyFileWithKeys(const std::string& path, const std::string& publicKey5,
                               const std::string& publicKey6, const char* caller);
+    // The same for the file open on `fd`: its bytes are read from the
+    // descriptor (at positions of their own, whatever its offset), `path`
+    // names it in the messages. The descriptor stays open.
+    Result verifyFile(int fd, const std::string& path, const char* caller);
     // The check itself, with a loaded block and the key text: 0, 5 or 6.
     Result verifyFile(const std::string& path, const Signature& signature, const std::string& key,
                       const char* caller);

@@ -124,17 +124,22 @@ bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
-    FILE* const pFile = file.get();
+    return loadFromStream(file.get(), meta);
+}
+
+bool Signature::loadFromStream(FILE* pFile, _ZolSigMeta& meta)
+{
     const unsigned int blockEnd = getFileSize(pFile);
-    bool loaded = false;
     // In a file larger than the 32-bit positions reach, every wrapped position
     // still exists; such a file never carries a block.
-    struct stat status {};
-    const bool fits = fstat(fileno(pFile), &status) == 0 && fitsPositions(status.st_size);
-    if (fits && checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
-        loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
+    if (fseeko(pFile, 0, SEEK_END) != 0) {
+        return false;
     }
-    return loaded;
+    const off_t size = ftello(pFile);
+    if (size < 0 || !fitsPositions(size) || !checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
+        return false;
+    }
+    return loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
 }
 
 unsigned int Signature::getFileSize(FILE* pFile) const

@@ -21,5 +21,6 @@ void addProfileCommand(CLI::App& app, int& status);  // emulate.cpp
 void addCheckCommand(CLI::App& app, int& status);    // check.cpp
 void addKeysCommand(CLI::App& app, int& status);     // fingerprints.cpp
 void addAuditCommand(CLI::App& app, int& status);    // audit.cpp
+void addExecCommand(CLI::App& app, int& status);     // exec.cpp
 
 }  // namespace kzol

@@ -199,10 +199,15 @@ std::string GetDUID()
 
 namespace {
 
-// The policy. `decision` (when given) learns which step decided and, when the
-// signature was checked, the result.
-int decide(const char* fileName, const char* caller, kzol_decision* decision)
-{
+// The policy: whether the file may run (1) or is refused (0). The signed
+// content is read from `descriptor` when one is given, else from the file's
+// real path; every message names the path and the exported verification call.
+// A failure that would escape as an exception (such as exhausted memory)
+// refuses the file: the gate fails closed, and no caller can take an exception.
+// `decision` (when given) learns which step decided and, when the signature
+// was checked, the result.
+int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision) noexcept try {
+    static const char* const c_entry = "verifyFileWihtoutKey";
     const auto decided = [decision](int step, int result) {
         if (decision != nullptr) {
             decision->step = step;
@@ -212,7 +217,7 @@ int decide(const char* fileName, const char* caller, kzol_decision* decision)
     decided(KZOL_STEP_FAILURE, BS_ERROR);
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
-        KZOL_LOGE_IN("verifyFileWihtoutKey", "%s does not exist;", fileName != nullptr ? fileName : "(null)");
+        KZOL_LOGE_IN(c_entry, "%s does not exist;", fileName != nullptr ? fileName : "(null)");
         decided(KZOL_STEP_MISSING, BS_ERROR);
         return 0;
     }
@@ -233,7 +238,7 @@ int decide(const char* fileName, const char* caller, kzol_decision* decision)
     if (findCertificate(certificate)) {
         const std::string duid = GetDUID();
         if (context.verifyFileWithDeviceId(certificate, duid, callerName) == BS_SIGNATURE_CORRECT) {
-            KZOL_LOGI_IN("verifyFileWihtoutKey", "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+            KZOL_LOGI_IN(c_entry, "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
             decided(KZOL_STEP_DISABLE_CERTIFICATE, BS_ERROR);
             return 1;
         }
@@ -246,35 +251,19 @@ int decide(const char* fileName, const char* caller, kzol_decision* decision)
     }
 
     if (!isFileExists(resolved)) {
-        KZOL_LOGE_IN("verifyFileWihtoutKey", "[zol][%s is not existed];", resolved);
+        KZOL_LOGE_IN(c_entry, "[zol][%s is not existed];", resolved);
     }
     const std::string realPath(resolved);
-    const Result result = context.verifyFile(realPath, callerName);
+    const Result result = descriptor != nullptr ? context.verifyFile(*descriptor, realPath, callerName)
+                                                : context.verifyFile(realPath, callerName);
     decided(KZOL_STEP_SIGNATURE, result);
     if (result == BS_SIGNATURE_CORRECT) {
         return 1;
     }
     if (!context.SendRequestNotification(realPath, callerName, result)) {
-        KZOL_LOGE_IN("verifyFileWihtoutKey", "[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m",
-                     callerName);
+        KZOL_LOGE_IN(c_entry, "[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m", callerName);
     }
     return 0;
-}
-
-}  // namespace
-
-// Whether the file may run (1) or is refused (0). A failure that would escape
-// as an exception (such as exhausted memory) refuses the file: the gate fails
-// closed, and no caller can take an exception.
-extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) try {
-    return decide(fileName, caller, nullptr);
-} catch (...) {
-    return 0;
-}
-
-// The same answer, with the step that decided it.
-extern "C" int verifyFileExplained(const char* fileName, const char* caller, kzol_decision* decision) try {
-    return decide(fileName, caller, decision);
 } catch (...) {
     if (decision != nullptr) {
         decision->step = KZOL_STEP_FAILURE;
@@ -283,11 +272,34 @@ extern "C" int verifyFileExplained(const char* fileName, const char* caller, kzo
     return 0;
 }
 
+}  // namespace
+
+extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller)
+{
+    return decide(fileName, caller, nullptr, nullptr);
+}
+
+extern "C" int verifyFileDescriptor(int fd, const char* fileName, const char* caller)
+{
+    return decide(fileName, caller, &fd, nullptr);
+}
+
+// The same answer, with the step that decided it.
+extern "C" int verifyFileExplained(const char* fileName, const char* caller, kzol_decision* decision)
+{
+    return decide(fileName, caller, nullptr, decision);
+}
+
 // The first argument is never read.
 extern "C" int verifyFile(void* unused, const char* fileName, const char* caller)
 {
     (void)unused;
     return verifyFileWihtoutKey(fileName, caller);
+}
+
+extern "C" const char* kZOLUserVersion()
+{
+    return KZOL_VERSION;
 }
 
 extern "C" int main()
