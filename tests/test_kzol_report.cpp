@@ -73,8 +73,11 @@ TEST(KzolReport, ReportsReachTheListener)
     EXPECT_EQ(listener.finish(), 0) << listener.err();
     EXPECT_EQ(listener.out(), expected);
     // Nobody listens any more: an undelivered report makes it fail, unless none was due.
-    EXPECT_EQ(kzol("report --caller x --type 1"), 1);
-    EXPECT_EQ(kzol("report --caller x --type 4"), 0);
+    std::string message;
+    EXPECT_EQ(kzol("report --caller x --type 1", &message, ".", true), 1);
+    EXPECT_EQ(message, "kzol: a report was not delivered to SfDaemon/UserMsg (is a daemon listening?)\n");
+    EXPECT_EQ(kzol("report --caller x --type 4", &message, ".", true), 0);
+    EXPECT_EQ(message, "");
 }
 
 // Each peer is followed by a good report, which the listener still prints.

@@ -261,3 +261,40 @@ TEST(Policy, ManyThreadsAtOnce)
     EXPECT_EQ(failed, 0);
     EXPECT_EQ(daemon.drain().size(), 3u * 32 + 2 * 160);
 }
+
+// verifyFileExplained: the same answer as verifyFileWihtoutKey, and the step
+// that decided it (with the verification result when the signature did).
+TEST(Policy, ExplainedDecisions)
+{
+    const Files f;
+    const std::string valid = certificate(DeviceProfile::c_deviceId, "P60", devPrivateKey('6'));
+    struct Case { const char* name; std::vector<std::pair<std::string, const char*>> device; std::string file;
+                  int answer, step, result; };
+    const std::vector<Case> cases = {
+        {"missing file", {}, f.area + "/missing.sh", 0, KZOL_STEP_MISSING, 0},
+        {"outside the areas", {}, f.outsider, 1, KZOL_STEP_OUTSIDE_AREAS, 0},
+        {"not a television", {{"modules", "sdp 1 0 - Live 0x0\n"}}, f.unsignedOne, 1, KZOL_STEP_NOT_TELEVISION, 0},
+        {"disable certificate", {{"usb/a/RTZOLOFF.cer", valid.c_str()}}, f.unsignedOne, 1,
+         KZOL_STEP_DISABLE_CERTIFICATE, 0},
+        {"isolated container", {{"zone", "2 1\n"}}, f.unsignedOne, 1, KZOL_STEP_ISOLATED_CONTAINER, 0},
+        {"correctly signed", {}, f.signedOne, 1, KZOL_STEP_SIGNATURE, 5},
+        {"unsigned", {}, f.unsignedOne, 0, KZOL_STEP_SIGNATURE, 4},
+        {"tampered", {}, f.tampered, 0, KZOL_STEP_SIGNATURE, 6},
+        {"type L", {}, f.typeL, 0, KZOL_STEP_SIGNATURE, 0},
+    };
+    DaemonListener daemon;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        DeviceProfile device;
+        for (const auto& [file, content] : c.device) {
+            device.set(file, content);
+        }
+        const StderrCapture quiet;
+        kzol_decision decision{-1, -1};
+        EXPECT_EQ(verifyFileExplained(c.file.c_str(), "loader", &decision), c.answer);
+        EXPECT_EQ(decision.step, c.step);
+        EXPECT_EQ(decision.result, c.result);
+        EXPECT_EQ(verifyFileExplained(c.file.c_str(), "loader", nullptr), c.answer);
+    }
+    daemon.stop();
+}

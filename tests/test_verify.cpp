@@ -71,6 +71,32 @@ TEST(VerifyFile, SignedFilesAndTamperedOnes)
     }
 }
 
+// The driver with key texts handed in: the same loader, selection, check and
+// log lines as with the built-in keys; only the keys differ.
+TEST(VerifyFile, WithGivenKeys)
+{
+    const TempDir dir;
+    const std::string path = dir.file("script.sh"), content = "#!/bin/sh\necho given keys\n";
+    const std::string pub5 = readFile(devPublicKey('5')), pub6 = readFile(devPublicKey('6'));
+    const std::string ok = checkLine("Correct Signed", path, "tester"), bad = checkLine("Incorrect Signed", path, "tester");
+    struct Case { const char* name; std::string file, key5, key6; Result result; Lines log; };
+    const std::vector<Case> cases = {
+        {"selector 5 with its key", signedFile(content, "P50", devPrivateKey('5')), pub5, pub6, BS_SIGNATURE_CORRECT, {ok}},
+        {"selector 6 with its key", signedFile(content, "P60", devPrivateKey('6')), pub5, pub6, BS_SIGNATURE_CORRECT, {ok}},
+        {"keys swapped", signedFile(content, "P50", devPrivateKey('5')), pub6, pub5, BS_SIGNATURE_INCORRECT, {bad}},
+        {"no key for the selector", signedFile(content, "P60", devPrivateKey('6')), pub5, "", BS_ERROR, {}},
+        {"type L", signedFile(content, "L50", devPrivateKey('5')), pub5, pub6, BS_ERROR, {}},
+        {"unsigned", content, pub5, pub6, BS_NOT_SIGNED, {checkLine("Not Signed", path, "tester")}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeFile(path, c.file);
+        clearLog();
+        EXPECT_EQ(BSContext().verifyFileWithKeys(path, c.key5, c.key6, "tester"), c.result);
+        EXPECT_EQ(loggedLines(), c.log);
+    }
+}
+
 TEST(VerifyFile, ChunksAroundTheReadSize)
 {
     const TempDir dir;

@@ -26,6 +26,27 @@ constexpr unsigned int c_readChunk = 16384;
 constexpr std::string_view c_userAreas[] = {"/opt", "/tmp"};
 constexpr std::string_view c_excludedDirectories[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
 
+// Type 'P' with selector '5' or '6' selects the matching key text; an empty
+// text selects nothing.
+bool selectKey(char sigType, char keyId, const std::string& key5, const std::string& key6, std::string& key)
+{
+    if (sigType != 'P') {
+        return false;
+    }
+    switch (keyId) {
+    case '5':
+        key = key5;
+        break;
+    case '6':
+        key = key6;
+        break;
+    default:
+        key.clear();
+        break;
+    }
+    return !key.empty();
+}
+
 // A read-only stream over an open descriptor that reads with pread at its
 // own position: the descriptor's file offset is neither used nor moved, so
 // the caller's offset does not matter and the caller keeps its descriptor.
@@ -119,6 +140,12 @@ Result verdict(bool done, bool isVerified, const std::string& path, const char* 
 
 Result BSContext::verifyFile(const std::string& path, const char* caller)
 {
+    return verifyFileWithKeys(path, kzol_keys::c_publicKey5, kzol_keys::c_publicKey6, caller);
+}
+
+Result BSContext::verifyFileWithKeys(const std::string& path, const std::string& publicKey5,
+                                     const std::string& publicKey6, const char* caller)
+{
     Signature signature;
     _ZolSigMeta meta{};
     if (!signature.loadFromFile(path, meta)) {
@@ -126,7 +153,7 @@ Result BSContext::verifyFile(const std::string& path, const char* caller)
         return BS_NOT_SIGNED;
     }
     std::string key;
-    if (!SelectPubKey(meta.sigType, meta.keyId, key)) {
+    if (!selectKey(meta.sigType, meta.keyId, publicKey5, publicKey6, key)) {
         return BS_ERROR;
     }
     return verifyFile(path, signature, key, caller);
@@ -207,21 +234,7 @@ bool BSContext::verifyFileContent(FILE* pFile, VerifyContext& context, unsigned 
 
 bool BSContext::SelectPubKey(char sigType, char keyId, std::string& key)
 {
-    if (sigType != 'P') {
-        return false;
-    }
-    switch (keyId) {
-    case '5':
-        key = kzol_keys::c_publicKey5;
-        break;
-    case '6':
-        key = kzol_keys::c_publicKey6;
-        break;
-    default:
-        key.clear();
-        break;
-    }
-    return !key.empty();
+    return selectKey(sigType, keyId, kzol_keys::c_publicKey5, kzol_keys::c_publicKey6, key);
 }
 
 long BSContext::getFileSize(FILE* pFile)

@@ -42,6 +42,12 @@ public:
     // Loads the block of `path`, selects the built-in key it names and checks
     // the signature over the signed region: 0, 4, 5 or 6.
     Result verifyFile(const std::string& path, const char* caller);
+    // The same check with the two public keys given as PEM texts instead of
+    // the built-in ones (verifyFile above is this call with the built-in
+    // keys): the same block loader, key selection, digest and log lines. An
+    // empty text selects nothing, so a block naming that selector is BS_ERROR.
+    Result verifyFileWithKeys(const std::string& path, const std::string& publicKey5,
+                              const std::string& publicKey6, const char* caller);
     // The same for the file open on `fd`: its bytes are read from the
     // descriptor (at positions of their own, whatever its offset), `path`
     // names it in the messages. The descriptor stays open.

@@ -16,6 +16,7 @@
 #include "atomic_file.h"
 #include "commands.h"
 #include "common.h"
+#include "signing_key.h"
 #include "writer.h"
 
 namespace kzol {
@@ -32,6 +33,7 @@ struct CertOptions {
     std::string duid;
     std::string output;
     bool force = false;
+    TokenOptions token;
 };
 
 // What the certificate says to a person who opens it; not signed.
@@ -82,8 +84,8 @@ int runCert(const CertOptions& options)
         return fail(c_exitNegative, destination + " exists; use --force to overwrite it");
     }
 
-    EvpPkeyPtr key;
-    if (!loadSigningKey(options.key, key, error)) {
+    SigningKey key;
+    if (!key.load(options.key, options.token, error)) {
         return fail(error);
     }
 
@@ -126,7 +128,9 @@ void addCertCommand(CLI::App& app, int& status)
 {
     auto options = std::make_shared<CertOptions>();
     CLI::App* cmd = app.add_subcommand("cert", "Make a disable certificate (RTZOLOFF.cer) for one device");
-    cmd->add_option("--key", options->key, "RSA-2048 private key, PEM")->required();
+    cmd->add_option("--key", options->key, "RSA-2048 private key: a PEM file or a pkcs11: URI")->required();
+    cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
+    cmd->add_option("--pin-file", options->token.pinFile, "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
     cmd->add_option("--key-id", options->keyId, "Key selector the block names: 5 or 6")
         ->required()
         ->check(CLI::IsMember({"5", "6"}));

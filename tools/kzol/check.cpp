@@ -10,7 +10,6 @@
 #include "commands.h"
 #include "common.h"
 #include "kZOLUser.h"
-#include "log_observer.h"
 
 namespace kzol {
 
@@ -21,49 +20,36 @@ struct CheckOptions {
     std::string caller = "kzol";
 };
 
-// What the library's log says about the way the decision went.
-struct Trail {
-    std::string result;  // set when the signature was verified
-    std::string reason;  // an exemption that allowed the file
-    bool missing = false;
-};
-
-void follow(Trail& trail, const std::string& message)
+// The reason shown beside the answer, from the step the library names.
+std::string reasonOf(const kzol_decision& decision)
 {
-    const auto has = [&](const char* text) { return message.find(text) != std::string::npos; };
-    if (has("\033[1;32mCorrect Signed [ file_path")) {
-        trail.result = resultName(BS_SIGNATURE_CORRECT);
-    } else if (has("\033[1;31mIncorrect Signed [ file_path")) {
-        trail.result = resultName(BS_SIGNATURE_INCORRECT);
-    } else if (has("\033[1;31mNot Signed [ file_path")) {
-        trail.result = resultName(BS_NOT_SIGNED);
-    } else if (has("\033[1;35mDisable Script ZOL")) {
-        trail.reason = "disable certificate";
-    } else if (has("[zol] Isolate container process")) {
-        trail.reason = "isolated container";
-    } else if (has(" does not exist;")) {
-        trail.missing = true;
+    switch (decision.step) {
+    case KZOL_STEP_MISSING:
+        return "file does not exist";
+    case KZOL_STEP_OUTSIDE_AREAS:
+        return "outside the user-writable areas";
+    case KZOL_STEP_NOT_TELEVISION:
+        return "not a television";
+    case KZOL_STEP_DISABLE_CERTIFICATE:
+        return "disable certificate";
+    case KZOL_STEP_ISOLATED_CONTAINER:
+        return "isolated container";
+    case KZOL_STEP_SIGNATURE:
+        if (const char* name = resultName(static_cast<Result>(decision.result)); name != nullptr) {
+            return name;
+        }
+        return "BS_ERROR";
+    default:
+        return "failure inside the library";
     }
 }
 
 int runCheck(const CheckOptions& options)
 {
-    Trail trail;
-    int answer = 0;
-    {
-        const LogObserver observer([&trail](int, const std::string& message) { follow(trail, message); });
-        answer = verifyFileWihtoutKey(options.file.c_str(), options.caller.c_str());
-    }
-    if (answer == 1) {
-        std::string detail = !trail.result.empty() ? trail.result : trail.reason;
-        std::cout << "allowed" << (detail.empty() ? "" : " (" + detail + ")") << "\n";
-        return c_exitSuccess;
-    }
-    // A refused file that exists was verified: a result without a line of its
-    // own is an error of the verification.
-    const std::string detail = trail.missing ? "file does not exist" : !trail.result.empty() ? trail.result : resultName(BS_ERROR);
-    std::cout << "refused (" << detail << ")\n";
-    return c_exitNegative;
+    kzol_decision decision{};
+    const int answer = verifyFileExplained(options.file.c_str(), options.caller.c_str(), &decision);
+    std::cout << (answer == 1 ? "allowed (" : "refused (") << reasonOf(decision) << ")" << std::endl;
+    return answer == 1 ? c_exitSuccess : c_exitNegative;
 }
 
 }  // namespace

@@ -19,6 +19,8 @@ void addCertCommand(CLI::App& app, int& status);     // cert.cpp
 void addEmulateCommand(CLI::App& app, int& status);  // emulate.cpp
 void addProfileCommand(CLI::App& app, int& status);  // emulate.cpp
 void addCheckCommand(CLI::App& app, int& status);    // check.cpp
+void addKeysCommand(CLI::App& app, int& status);     // fingerprints.cpp
+void addAuditCommand(CLI::App& app, int& status);    // audit.cpp
 void addExecCommand(CLI::App& app, int& status);     // exec.cpp
 
 }  // namespace kzol

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "common.h"
+#include "log_observer.h"
 #include "kZOLUser.h"
 
 int main(int argc, char** argv)
@@ -15,6 +16,11 @@ int main(int argc, char** argv)
     app.footer("Exit status: 0 success; 1 negative result; 2 usage or I/O error.\n");
 
     int status = kzol::c_exitSuccess;
+    bool verbose = false;
+    app.add_flag("-v,--verbose", verbose, "Show the library's own log lines (coloured only on a terminal)");
+    app.fallthrough();
+    // Decided before any command runs.
+    app.parse_complete_callback([&verbose] { kzol::setLibraryLogShown(verbose, kzol::colourWanted(2)); });
     kzol::addKeygenCommand(app, status);
     kzol::addSignCommand(app, status);
     kzol::addInspectCommand(app, status);
@@ -25,6 +31,8 @@ int main(int argc, char** argv)
     kzol::addEmulateCommand(app, status);
     kzol::addProfileCommand(app, status);
     kzol::addCheckCommand(app, status);
+    kzol::addKeysCommand(app, status);
+    kzol::addAuditCommand(app, status);
     kzol::addExecCommand(app, status);
 
     try {

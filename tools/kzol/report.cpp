@@ -39,7 +39,10 @@ int runReport(const ReportOptions& o)
     const int answer = SendSecurityReport(given(o.callerOption, o.caller), given(o.fileTypeOption, o.fileType),
                                           given(o.pathOption, o.path), given(o.descriptionOption, o.description),
                                           o.type);
-    return answer == 0 ? c_exitSuccess : c_exitNegative;
+    if (answer != 0) {
+        return fail(c_exitNegative, "a report was not delivered to SfDaemon/UserMsg (is a daemon listening?)");
+    }
+    return c_exitSuccess;
 }
 
 }  // namespace

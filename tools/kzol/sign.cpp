@@ -1,59 +1,127 @@
-// kzol sign: appends a signature block to a file, or replaces the one it has.
+// kzol sign: appends a signature block to files, or replaces the one they
+// have. Each file is read once, in bounded memory, hashed as it is copied to
+// a temporary file beside it, and takes its name only once the library reads
+// the new block back. Many files are signed by several workers at once.
+#include <fcntl.h>
+#include <openssl/evp.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "atomic_file.h"
 #include "commands.h"
 #include "common.h"
+#include "keyset.h"
 #include "signature.h"
+#include "signing_key.h"
 #include "writer.h"
 
 namespace kzol {
 
 namespace {
 
+constexpr std::size_t c_copyChunk = 1 << 20;
+
 struct SignOptions {
     std::string key;
     std::string keyId;
     std::string type = "P";
-    std::string file;
+    std::vector<std::string> files;
+    std::string from;
     std::string output;
     bool force = false;
+    unsigned int jobs = 0;  // 0: one per processor
+    std::string keyDirectory;
+    std::vector<std::string> publicKeys;
+    TokenOptions token;
 };
 
-int runSign(const SignOptions& options)
+enum class Outcome { Signed, Skipped, Failed };
+
+// Lines of several workers, each whole.
+std::mutex g_outputMutex;
+
+void say(std::ostream& stream, const std::string& line)
+{
+    const std::lock_guard<std::mutex> lock(g_outputMutex);
+    stream << line << std::endl;
+}
+
+struct FileOutcome {
+    Outcome outcome;
+    int status;  // the single-file exit status
+};
+
+FileOutcome failed(const std::string& message)
+{
+    say(std::cerr, "kzol: " + message);
+    return {Outcome::Failed, c_exitError};
+}
+
+FileOutcome skipped(const std::string& message)
+{
+    say(std::cerr, "kzol: " + message);
+    return {Outcome::Skipped, c_exitNegative};
+}
+
+// Reads up to `length` bytes (all that is left when `toEnd`) from `fd`,
+// hashing them and writing them to `writer`; `copied` counts them.
+bool copyHashing(int fd, std::uint64_t length, bool toEnd, EVP_MD_CTX* digest, AtomicFileWriter& writer,
+                 std::uint64_t& copied, std::string& error)
+{
+    ByteBuffer chunk(c_copyChunk);
+    copied = 0;
+    while (toEnd || copied < length) {
+        const std::size_t want = toEnd ? c_copyChunk : static_cast<std::size_t>(std::min<std::uint64_t>(c_copyChunk, length - copied));
+        const ssize_t n = ::read(fd, chunk.data(), want);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = "cannot read: " + errnoText(errno);
+            return false;
+        }
+        if (n == 0) {
+            break;
+        }
+        chunk.resize(static_cast<std::size_t>(n));
+        if (EVP_DigestUpdate(digest, chunk.data(), chunk.size()) != 1) {
+            error = withOpensslErrors("SHA-256 failed");
+            return false;
+        }
+        if (!writer.write(chunk, error)) {
+            return false;
+        }
+        chunk.resize(c_copyChunk);
+        copied += static_cast<std::uint64_t>(n);
+    }
+    return true;
+}
+
+FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string& file)
 {
     const char type = options.type[0];
     const char keyId = options.keyId[0];
-    const std::string& file = options.file;
-
     struct stat input {};
-    if (const int status = requireRegularFile(file, &input); status != c_exitSuccess) {
-        return status;
+    if (::stat(file.c_str(), &input) != 0) {
+        return failed("cannot open " + file + ": " + errnoText(errno));
+    }
+    if (!S_ISREG(input.st_mode)) {
+        return failed(file + " is not a regular file");
     }
     if (static_cast<std::uint64_t>(input.st_size) >= std::numeric_limits<std::uint32_t>::max()) {
-        return fail(file + " is too large: block positions are 32-bit");
-    }
-
-    std::string error;
-    EvpPkeyPtr key;
-    if (!loadSigningKey(options.key, key, error)) {
-        return fail(error);
-    }
-
-    ByteBuffer content;
-    if (!readFileBytes(file, content, error)) {
-        return fail(error);
-    }
-    if (content.empty()) {
-        return fail(file + " is empty: a signed file needs at least one byte of content");
+        return failed(file + " is too large: block positions are 32-bit");
     }
 
     // A file the library already reads a block from is signed only once; with
@@ -62,17 +130,16 @@ int runSign(const SignOptions& options)
     Signature existing;
     _ZolSigMeta existingMeta{};
     bool replacing = false;
+    std::uint64_t contentLength = 0;
     if (existing.loadFromFile(file, existingMeta)) {
         if (!options.force) {
-            return fail(c_exitNegative, file + " already carries a signature block (type " +
-                                            printable(existingMeta.sigType) + ", key " +
-                                            printable(existingMeta.keyId) +
-                                            "); use --force to replace it");
+            return skipped(file + " already carries a signature block (type " + printable(existingMeta.sigType) +
+                           ", key " + printable(existingMeta.keyId) + "); use --force to replace it");
         }
-        if (existing.offset() > content.size()) {
-            return fail(file + " changed while it was read");
+        if (existing.offset() < c_metaFieldSize + 1) {
+            return failed(file + " has a block but no content before it");
         }
-        content.resize(existing.offset() - c_metaFieldSize);
+        contentLength = existing.offset() - c_metaFieldSize;
         replacing = true;
     }
 
@@ -86,45 +153,193 @@ int runSign(const SignOptions& options)
         struct stat out {};
         if (::stat(options.output.c_str(), &out) == 0) {
             if (S_ISDIR(out.st_mode)) {
-                return fail(options.output + " is a directory");
+                return failed(options.output + " is a directory");
             }
             const bool sameFile = out.st_dev == input.st_dev && out.st_ino == input.st_ino;
             if (!sameFile && !options.force) {
-                return fail(c_exitNegative, options.output + " exists; use --force to overwrite it");
+                return skipped(options.output + " exists; use --force to overwrite it");
             }
             destination = resolvedPath(options.output);
         } else if (errno == ENOENT) {
             destination = options.output;
             destinationExists = false;
         } else {
-            return fail("cannot use " + options.output + ": " + errnoText(errno));
+            return failed("cannot use " + options.output + ": " + errnoText(errno));
         }
     }
 
-    ByteBuffer signedFile;
-    if (!composeSignedFile(key.get(), content, type, keyId, signedFile, error)) {
-        return fail(error);
+    const UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd) {
+        return failed("cannot open " + file + ": " + errnoText(errno));
     }
-
+    std::string error;
     AtomicFileWriter writer;
-    if (!writer.begin(destination, input.st_mode & 07777, error) || !writer.write(signedFile, error)) {
-        return fail(error);
+    if (!writer.begin(destination, input.st_mode & 07777, error)) {
+        return failed(error);
+    }
+    const EvpMdCtxPtr digest(EVP_MD_CTX_new());
+    if (!digest || EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) != 1) {
+        return failed(withOpensslErrors("cannot start SHA-256"));
+    }
+    std::uint64_t copied = 0;
+    if (!copyHashing(fd.get(), contentLength, !replacing, digest.get(), writer, copied, error)) {
+        return failed(file + ": " + error);
+    }
+    if (replacing && copied != contentLength) {
+        return failed(file + " changed while it was read");
+    }
+    if (copied == 0) {
+        return failed(file + " is empty: a signed file needs at least one byte of content");
+    }
+    const ByteBuffer meta = metadataField(type, keyId);
+    unsigned char hash[EVP_MAX_MD_SIZE];
+    unsigned int hashLength = 0;
+    if (EVP_DigestUpdate(digest.get(), meta.data(), meta.size()) != 1 ||
+        EVP_DigestFinal_ex(digest.get(), hash, &hashLength) != 1) {
+        return failed(withOpensslErrors("SHA-256 failed"));
+    }
+    ByteBuffer raw, tail;
+    const std::uint64_t signedRegion = copied + c_metaFieldSize;
+    if (!writer.write(meta, error) || !signDigest(key, hash, hashLength, raw, error) ||
+        !composeBlockTail(raw, signedRegion, tail, error) || !writer.write(tail, error)) {
+        return failed(file + ": " + error);
     }
     // The library's reader must find exactly the new block before the file
     // takes the destination's name.
-    if (!blockReadsBack(writer.temporaryPath(), content.size(), type, keyId)) {
-        return fail("the library does not read the new block back; " + destination + " left as it was");
+    if (!blockReadsBack(writer.temporaryPath(), static_cast<std::size_t>(copied), type, keyId)) {
+        return failed("the library does not read the new block back; " + destination + " left as it was");
     }
     if (!writer.commit(destinationExists, error)) {
+        return failed(error);
+    }
+    say(std::cout, std::string(replacing ? "re-signed " : "signed ") + file +
+                       (options.output.empty() ? "" : " into " + options.output) + ": type " + type + ", key " +
+                       keyId + ", signed region " + std::to_string(signedRegion) + " bytes");
+    return {Outcome::Signed, c_exitSuccess};
+}
+
+// Checks the key against the known public keys before any file is touched:
+// the other selector's key is refused, an unknown one warned about.
+int checkKey(const SignOptions& options, EVP_PKEY* key)
+{
+    std::string fingerprintHex, error;
+    if (!fingerprint(key, fingerprintHex, error)) {
         return fail(error);
     }
-
-    std::cout << (replacing ? "re-signed " : "signed ") << file;
-    if (!options.output.empty()) {
-        std::cout << " into " << options.output;
+    KeySet known;
+    std::string source = "built-in";
+    if (!options.keyDirectory.empty() || !options.publicKeys.empty()) {
+        if (!loadKeySet(options.keyDirectory, options.publicKeys, known, error)) {
+            return fail(error);
+        }
+        source = "given";
+    } else {
+        known = builtInKeys();
     }
-    std::cout << ": type " << type << ", key " << keyId << ", signed region " << content.size() + c_metaFieldSize << " bytes\n";
+    const char selector = options.keyId[0];
+    const char other = selector == '5' ? '6' : '5';
+    std::string mine, theirs;
+    if (!known.pem(selector).empty() && !fingerprintOfPem(known.pem(selector), mine, error)) {
+        return fail(error);
+    }
+    if (!known.pem(other).empty() && !fingerprintOfPem(known.pem(other), theirs, error)) {
+        return fail(error);
+    }
+    std::cout << "signing key: SHA256:" << fingerprintHex << "\n";
+    if (fingerprintHex == theirs) {
+        return fail(options.key + " is the private half of the " + source + " key " + other + ", not of key " +
+                    selector + ": its signatures would never verify; use --key-id " + other);
+    }
+    if (fingerprintHex != mine) {
+        std::cerr << "kzol: warning: " << options.key << " matches neither " << source
+                  << " public key; its signatures verify only where its public half is built in as key "
+                  << selector << std::endl;
+    }
     return c_exitSuccess;
+}
+
+bool readList(const std::string& from, std::vector<std::string>& files, std::string& error)
+{
+    std::ifstream stream;
+    if (from != "-") {
+        stream.open(from);
+        if (!stream) {
+            error = "cannot read " + from + ": " + errnoText(errno);
+            return false;
+        }
+    }
+    std::istream& in = from == "-" ? std::cin : stream;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (!line.empty() && line.back() == '\r') {
+            line.pop_back();
+        }
+        if (!line.empty()) {
+            files.push_back(line);
+        }
+    }
+    if (in.bad()) {
+        error = "cannot read " + from;
+        return false;
+    }
+    return true;
+}
+
+int runSign(const SignOptions& options)
+{
+    if (options.type != "P" && !options.force) {
+        return fail("type " + options.type + " blocks select no key in the library: files signed so are never " +
+                    "verified and always refused; use --force to write one anyway");
+    }
+    std::vector<std::string> files = options.files;
+    std::string error;
+    if (!options.from.empty() && !readList(options.from, files, error)) {
+        return fail(error);
+    }
+    if (files.empty()) {
+        return fail("no file to sign: name FILEs or --from a list");
+    }
+    const bool batch = files.size() > 1 || !options.from.empty();
+    if (batch && !options.output.empty()) {
+        return fail("-o takes one FILE");
+    }
+
+    SigningKey key;
+    if (!key.load(options.key, options.token, error)) {
+        return fail(error);
+    }
+    if (const int status = checkKey(options, key.get()); status != c_exitSuccess) {
+        return status;
+    }
+    if (!batch) {
+        return signOne(options, key.get(), files.front()).status;
+    }
+
+    unsigned int jobs = options.jobs != 0 ? options.jobs : std::max(1U, std::thread::hardware_concurrency());
+    if (key.inToken()) {
+        jobs = 1;  // one signature at a time through the token's session
+    }
+    jobs = std::min<std::size_t>(jobs, files.size());
+    std::atomic<std::size_t> next{0};
+    std::atomic<std::size_t> counts[3] = {{0}, {0}, {0}};
+    const auto work = [&]() {
+        for (std::size_t i = next++; i < files.size(); i = next++) {
+            const FileOutcome result = signOne(options, key.get(), files[i]);
+            ++counts[static_cast<int>(result.outcome)];
+        }
+    };
+    std::vector<std::thread> workers;
+    for (unsigned int w = 1; w < jobs; ++w) {
+        workers.emplace_back(work);
+    }
+    work();
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    const std::size_t failures = counts[static_cast<int>(Outcome::Failed)];
+    std::cout << counts[static_cast<int>(Outcome::Signed)] << " signed, " << counts[static_cast<int>(Outcome::Skipped)]
+              << " skipped, " << failures << " failed" << std::endl;
+    return failures == 0 ? c_exitSuccess : c_exitNegative;
 }
 
 }  // namespace
@@ -132,21 +347,31 @@ int runSign(const SignOptions& options)
 void addSignCommand(CLI::App& app, int& status)
 {
     auto options = std::make_shared<SignOptions>();
-    CLI::App* cmd = app.add_subcommand("sign", "Append a signature block to a file");
-    cmd->add_option("FILE", options->file, "File to sign (replaced atomically unless -o is given)")->required();
-    cmd->add_option("--key", options->key, "RSA-2048 private key, PEM")->required();
+    CLI::App* cmd = app.add_subcommand("sign", "Append a signature block to files");
+    cmd->add_option("FILE", options->files, "Files to sign (each replaced atomically unless -o is given)");
+    cmd->add_option("--from", options->from, "Also sign the files listed in this file, one path a line (- for standard input)");
+    cmd->add_option("--key", options->key, "RSA-2048 private key: a PEM file or a pkcs11: URI")->required();
     cmd->add_option("--key-id", options->keyId, "Key selector the block names: 5 or 6")
         ->required()
         ->check(CLI::IsMember({"5", "6"}));
-    cmd->add_option("--type", options->type, "Signature type character: P (default) or L")
+    cmd->add_option("--type", options->type, "Signature type character: P (default); L only with --force")
         ->check(CLI::IsMember({"P", "L"}));
-    cmd->add_option("-o,--output", options->output, "Write the signed file here instead of replacing FILE");
-    cmd->add_flag("--force", options->force, "Replace an existing block; overwrite an existing -o file");
+    cmd->add_option("-o,--output", options->output, "Write the signed file here instead of replacing FILE (one FILE)");
+    cmd->add_flag("--force", options->force, "Replace an existing block; overwrite an existing -o file; allow --type L");
+    cmd->add_option("-j,--jobs", options->jobs, "Files signed at once (default: one per processor)")
+        ->check(CLI::Range(1U, 256U));
+    cmd->add_option("--keys", options->keyDirectory, "Public keys the key is checked against (default: the built-in ones)");
+    cmd->add_option("--pubkey", options->publicKeys, "5=FILE or 6=FILE: a public key the key is checked against")
+        ->allow_extra_args(false);
+    cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
+    cmd->add_option("--pin-file", options->token.pinFile, "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
     cmd->footer(
         "The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
-        "over SHA-256. The result keeps FILE's permission bits.\n"
-        "Exit status: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
-        "exists (nothing written); 2 usage or I/O error (nothing written).\n");
+        "over SHA-256. The result keeps FILE's permission bits. The key is checked first: the private\n"
+        "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
+        "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
+        "exists (nothing written); 2 usage or I/O error (nothing written).\n"
+        "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n");
     cmd->callback([options, &status]() { status = runSign(*options); });
 }
 

@@ -122,7 +122,7 @@ bool verifyData(EVP_PKEY* key, const ByteBuffer& data, const ByteBuffer& rawSign
     return true;
 }
 
-bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::string& error)
+bool composeBlockTail(const ByteBuffer& rawSignature, std::uint64_t fileSize, ByteBuffer& tail, std::string& error)
 {
     ByteBuffer text;
     if (!toMPIString(rawSignature, text)) {
@@ -130,19 +130,62 @@ bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::stri
         return false;
     }
     // text holds the MPI characters and a NUL that the file does not carry.
-    const std::uint64_t total = static_cast<std::uint64_t>(file.size()) + (text.size() - 1) + block_layout::c_tailSize;
+    const std::uint64_t total = fileSize + (text.size() - 1) + block_layout::c_tailSize;
     if (total > std::numeric_limits<std::uint32_t>::max()) {
         error = "the signed file would exceed 4 GiB, beyond the block's 32-bit positions";
         return false;
     }
-    const Signature block(text, static_cast<unsigned int>(file.size()));
-    ByteBuffer tail;
+    const Signature block(text, static_cast<unsigned int>(fileSize));
+    tail.clear();
     block.composeSignature(tail);
     if (tail.size() != text.size() - 1 + block_layout::c_tailSize) {
         error = "the signature block came out malformed";
         return false;
     }
+    return true;
+}
+
+bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::string& error)
+{
+    ByteBuffer tail;
+    if (!composeBlockTail(rawSignature, file.size(), tail, error)) {
+        return false;
+    }
     file.insert(file.end(), tail.begin(), tail.end());
+    return true;
+}
+
+bool signDigest(EVP_PKEY* key, const unsigned char* digest, std::size_t digestLength, ByteBuffer& rawSignature,
+                std::string& error)
+{
+    EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
+    if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
+        EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256()) <= 0) {
+        error = withOpensslErrors("cannot set up RSA/SHA-256 signing");
+        return false;
+    }
+    std::size_t length = 0;
+    if (EVP_PKEY_sign(ctx.get(), nullptr, &length, digest, digestLength) != 1) {
+        error = withOpensslErrors("signing failed");
+        return false;
+    }
+    rawSignature.assign(length, 0);
+    if (EVP_PKEY_sign(ctx.get(), rawSignature.data(), &length, digest, digestLength) != 1) {
+        rawSignature.clear();
+        error = withOpensslErrors("signing failed");
+        return false;
+    }
+    rawSignature.resize(length);
+    EvpPkeyCtxPtr check(EVP_PKEY_CTX_new(key, nullptr));
+    if (!check || EVP_PKEY_verify_init(check.get()) != 1 ||
+        EVP_PKEY_CTX_set_rsa_padding(check.get(), RSA_PKCS1_PADDING) <= 0 ||
+        EVP_PKEY_CTX_set_signature_md(check.get(), EVP_sha256()) <= 0 ||
+        EVP_PKEY_verify(check.get(), rawSignature.data(), rawSignature.size(), digest, digestLength) != 1) {
+        rawSignature.clear();
+        error = withOpensslErrors("the fresh signature does not verify with the key's public half");
+        return false;
+    }
     return true;
 }
 

@@ -9,6 +9,7 @@
 // content and the metadata field.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "block_layout.h"
@@ -42,6 +43,14 @@ bool verifyData(EVP_PKEY* key, const ByteBuffer& data, const ByteBuffer& rawSign
 // field: the MPI text of `rawSignature`, the length field and the footprint.
 // Fails when the result would not fit the block's 32-bit positions.
 bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::string& error);
+// The same block tail on its own, for a file whose first `fileSize` bytes
+// (ending with the metadata field) were written already.
+bool composeBlockTail(const ByteBuffer& rawSignature, std::uint64_t fileSize, ByteBuffer& tail, std::string& error);
+
+// RSA PKCS#1 v1.5 signature of a SHA-256 digest computed elsewhere; the
+// signature is checked against the key's public half before it is answered.
+bool signDigest(EVP_PKEY* key, const unsigned char* digest, std::size_t digestLength, ByteBuffer& rawSignature,
+                std::string& error);
 
 // The signed-file bytes for `content` (at least one byte): the content, the
 // metadata field, and a block whose signature covers `signedData`. The

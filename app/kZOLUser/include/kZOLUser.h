@@ -27,6 +27,13 @@
  *   equal those of verifyFileWihtoutKey(fileName, caller). A descriptor that
  *   cannot be read yields a refusal (not signed).
  *
+ * verifyFileExplained(fileName, caller, decision)
+ *   Answers exactly as verifyFileWihtoutKey, with the same log lines and
+ *   report, and fills decision (when not NULL) with the step of the policy
+ *   that decided and, for KZOL_STEP_SIGNATURE, the verification result
+ *   (BS_SIGNATURE_CORRECT 5, BS_NOT_SIGNED 4, BS_SIGNATURE_INCORRECT 6,
+ *   BS_ERROR 0). An addition beside the described entry points.
+ *
  * SendSecurityReport(caller, fileType, path, description, type)
  *   Sends a component's own report(s): type 0 a log report; bit 0 a file
  *   report, bit 1 a data report (3 sends both). Answers 0 when every requested
@@ -68,6 +75,22 @@ extern "C" {
 #endif
 
 int verifyFileWihtoutKey(const char *fileName, const char *caller);
+
+/* The policy step that decided an answer. */
+enum kzol_step {
+    KZOL_STEP_FAILURE = 0,            /* refused: a failure inside the library */
+    KZOL_STEP_MISSING = 1,            /* refused: the file does not exist */
+    KZOL_STEP_OUTSIDE_AREAS = 2,      /* allowed: outside the user-writable areas */
+    KZOL_STEP_NOT_TELEVISION = 3,     /* allowed: not a television */
+    KZOL_STEP_DISABLE_CERTIFICATE = 4, /* allowed: a disable certificate for this device */
+    KZOL_STEP_ISOLATED_CONTAINER = 5, /* allowed: an isolated container */
+    KZOL_STEP_SIGNATURE = 6           /* the signature check decided; see result */
+};
+struct kzol_decision {
+    int step;   /* enum kzol_step */
+    int result; /* verification result for KZOL_STEP_SIGNATURE, else 0 */
+};
+int verifyFileExplained(const char *fileName, const char *caller, struct kzol_decision *decision);
 int verifyFile(void *unused, const char *fileName, const char *caller);
 int verifyFileDescriptor(int fd, const char *fileName, const char *caller);
 int SendSecurityReport(const char *caller, const char *fileType, const char *path,

@@ -228,11 +228,21 @@ namespace {
 // real path; every message names the path and the exported verification call.
 // A failure that would escape as an exception (such as exhausted memory)
 // refuses the file: the gate fails closed, and no caller can take an exception.
-int decide(const char* fileName, const char* caller, const int* descriptor) try {
+// `decision` (when given) learns which step decided and, when the signature
+// was checked, the result.
+int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision) try {
     static const char* const c_entry = "verifyFileWihtoutKey";
+    const auto decided = [decision](int step, int result) {
+        if (decision != nullptr) {
+            decision->step = step;
+            decision->result = result;
+        }
+    };
+    decided(KZOL_STEP_FAILURE, BS_ERROR);
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
         KZOL_LOGE_IN(c_entry, "%s does not exist;", fileName != nullptr ? fileName : "(null)");
+        decided(KZOL_STEP_MISSING, BS_ERROR);
         return 0;
     }
     const char* callerName = caller != nullptr ? caller : "NULL";
@@ -245,12 +255,14 @@ int decide(const char* fileName, const char* caller, const int* descriptor) try 
         // it exists, so the name is shorter than the buffer.
         const bool unresolved = errno != 0 && errno != ENOENT;
         if (!unresolved || !c_failClosed) {
+            decided(KZOL_STEP_OUTSIDE_AREAS, BS_ERROR);
             return 1;
         }
         std::memset(resolved, 0, sizeof(resolved));
         std::strncpy(resolved, fileName, sizeof(resolved) - 1);
     }
     if (!IsDTV()) {
+        decided(KZOL_STEP_NOT_TELEVISION, BS_ERROR);
         return 1;
     }
 
@@ -259,12 +271,14 @@ int decide(const char* fileName, const char* caller, const int* descriptor) try 
         const std::string duid = GetDUID();
         if (context.verifyFileWithDeviceId(certificate, duid, callerName) == BS_SIGNATURE_CORRECT) {
             KZOL_LOGI_IN(c_entry, "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+            decided(KZOL_STEP_DISABLE_CERTIFICATE, BS_ERROR);
             return 1;
         }
     }
 
     SecureZoneContext zone(c_zonePath);
     if (!zone.isRootUID() && zone.isIsolatedContainer()) {
+        decided(KZOL_STEP_ISOLATED_CONTAINER, BS_ERROR);
         return 1;
     }
 
@@ -274,6 +288,7 @@ int decide(const char* fileName, const char* caller, const int* descriptor) try 
     const std::string realPath(resolved);
     const Result result = descriptor != nullptr ? context.verifyFile(*descriptor, realPath, callerName)
                                                 : context.verifyFile(realPath, callerName);
+    decided(KZOL_STEP_SIGNATURE, result);
     if (result == BS_SIGNATURE_CORRECT) {
         return 1;
     }
@@ -284,6 +299,10 @@ int decide(const char* fileName, const char* caller, const int* descriptor) try 
 } catch (abi::__forced_unwind&) {
     throw;  // the thread is being cancelled: its unwinding must go on
 } catch (...) {
+    if (decision != nullptr) {
+        decision->step = KZOL_STEP_FAILURE;
+        decision->result = BS_ERROR;
+    }
     return 0;
 }
 
@@ -291,12 +310,18 @@ int decide(const char* fileName, const char* caller, const int* descriptor) try 
 
 extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller)
 {
-    return decide(fileName, caller, nullptr);
+    return decide(fileName, caller, nullptr, nullptr);
 }
 
 extern "C" int verifyFileDescriptor(int fd, const char* fileName, const char* caller)
 {
-    return decide(fileName, caller, &fd);
+    return decide(fileName, caller, &fd, nullptr);
+}
+
+// The same answer, with the step that decided it.
+extern "C" int verifyFileExplained(const char* fileName, const char* caller, kzol_decision* decision)
+{
+    return decide(fileName, caller, nullptr, decision);
 }
 
 // The first argument is never read.

@@ -1,0 +1,194 @@
+// kzol sign as a release engineer uses it, timed against its baselines:
+//   batch:     N small scripts in one call (one worker) against N calls of one file each
+//   workers:   the same call with two workers against one
+//   streaming: one large file against `openssl dgst -sha256 -sign` on the same file,
+//              with the peak resident memory of each
+// Every figure is the elapsed time of whole processes (the median of a few
+// runs); each row prints its ratio and target.
+//
+//   kzol_sign_bench [--files N] [--large-mib M] [--runs R] [--dir DIR]
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct Measure {
+    double seconds = 0;
+    long peakKiB = 0;
+    int status = -1;
+};
+
+// Runs `args` with standard output and error discarded, standard input from
+// `input` (or /dev/null): its elapsed time, peak resident memory and status.
+Measure runProcess(const std::vector<std::string>& args, const char* input = nullptr)
+{
+    std::vector<char*> argv;
+    for (const std::string& a : args) {
+        argv.push_back(const_cast<char*>(a.c_str()));
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 0, input != nullptr ? input : "/dev/null", O_RDONLY, 0);
+    Measure m;
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+        posix_spawn_file_actions_destroy(&actions);
+        return m;
+    }
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    m.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    m.peakKiB = usage.ru_maxrss;
+    m.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return m;
+}
+
+void writeFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+bool failedRun = false;
+
+void row(const char* what, double value, const char* against, double reference, const char* target, bool ok)
+{
+    std::printf("| %-34s | %9.3f | %-30s | %9.3f | %6.2f | %-8s %s |\n", what, value, against, reference,
+                reference / value, target, ok ? "ok" : "MISSED");
+    failedRun = failedRun || !ok;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    int files = 500;
+    long largeMiB = 1024;
+    int runs = 3;
+    std::string base = std::getenv("TMPDIR") != nullptr ? std::getenv("TMPDIR") : "/tmp";
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (std::strcmp(argv[i], "--files") == 0) {
+            files = std::atoi(argv[i + 1]);
+        } else if (std::strcmp(argv[i], "--large-mib") == 0) {
+            largeMiB = std::atol(argv[i + 1]);
+        } else if (std::strcmp(argv[i], "--runs") == 0) {
+            runs = std::atoi(argv[i + 1]);
+        } else if (std::strcmp(argv[i], "--dir") == 0) {
+            base = argv[i + 1];
+        }
+    }
+    std::string dir = base + "/kzol-sign-bench-XXXXXX";
+    if (mkdtemp(dir.data()) == nullptr) {
+        std::perror("mkdtemp");
+        return 2;
+    }
+    const std::string kzol = KZOL_TOOL;
+    const std::string key = std::string(KZOL_SOURCE_DIR) + "/keys/dev/private_key_5.pem";
+    const std::string list = dir + "/list";
+    std::vector<std::string> names;
+    {
+        std::ofstream out(list);
+        for (int i = 0; i < files; ++i) {
+            names.push_back(dir + "/script" + std::to_string(i) + ".sh");
+            out << names.back() << "\n";
+        }
+    }
+    const auto freshScripts = [&]() {
+        for (std::size_t i = 0; i < names.size(); ++i) {
+            writeFile(names[i], "#!/bin/sh\n# release script " + std::to_string(i) + "\necho \"step " +
+                                    std::to_string(i) + "\"\nexit 0\n");
+        }
+    };
+
+    std::vector<double> separate, one, two;
+    bool allSigned = true;
+    for (int r = 0; r < runs; ++r) {
+        freshScripts();
+        const auto start = std::chrono::steady_clock::now();
+        for (const std::string& name : names) {
+            allSigned = runProcess({kzol, "sign", "--key", key, "--key-id", "5", name}).status == 0 && allSigned;
+        }
+        separate.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        freshScripts();
+        const Measure j1 = runProcess({kzol, "sign", "--key", key, "--key-id", "5", "-j", "1", "--from", list});
+        freshScripts();
+        const Measure j2 = runProcess({kzol, "sign", "--key", key, "--key-id", "5", "-j", "2", "--from", list});
+        allSigned = allSigned && j1.status == 0 && j2.status == 0;
+        one.push_back(j1.seconds);
+        two.push_back(j2.seconds);
+    }
+
+    std::vector<double> large, openssl;
+    long largePeak = 0, opensslPeak = 0;
+    const std::string big = dir + "/large.bin";
+    if (largeMiB > 0) {
+        {
+            std::string block(1 << 20, '\0');
+            for (std::size_t i = 0; i < block.size(); ++i) {
+                block[i] = static_cast<char>(i * 2654435761U >> 13);
+            }
+            std::ofstream out(big, std::ios::binary | std::ios::trunc);
+            for (long i = 0; i < largeMiB; ++i) {
+                block[0] = static_cast<char>(i);
+                out.write(block.data(), static_cast<std::streamsize>(block.size()));
+            }
+        }
+        for (int r = 0; r < runs; ++r) {
+            const Measure o = runProcess({"/usr/bin/openssl", "dgst", "-sha256", "-sign", key, "-out",
+                                          dir + "/large.sig", big});
+            const Measure k = runProcess({kzol, "sign", "--force", "--key", key, "--key-id", "5", big});
+            allSigned = allSigned && o.status == 0 && k.status == 0;
+            openssl.push_back(o.seconds);
+            large.push_back(k.seconds);
+            opensslPeak = std::max(opensslPeak, o.peakKiB);
+            largePeak = std::max(largePeak, k.peakKiB);
+        }
+    }
+
+    std::printf("kzol sign: %d small scripts, %ld MiB file, median of %d runs (seconds)\n", files, largeMiB, runs);
+    std::printf("| %-34s | %9s | %-30s | %9s | %6s | %-11s |\n", "what", "s", "against", "s", "gain", "target");
+    row("one call, 1 worker", median(one), "one call per file", median(separate), ">= 10", median(separate) >= 10 * median(one));
+    row("one call, 2 workers", median(two), "one call, 1 worker", median(one), ">= 1.6", median(one) >= 1.6 * median(two));
+    if (largeMiB > 0) {
+        row("large file, kzol sign", median(large), "openssl dgst -sha256 -sign", median(openssl), ">= 0.67",
+            median(large) <= 1.5 * median(openssl));
+        const bool bounded = largePeak <= 32 * 1024;
+        std::printf("| %-34s | %6ld KiB | %-30s | %6ld KiB |        | <= 32 MiB %s |\n", "large file, peak resident memory",
+                    largePeak, "openssl dgst -sha256 -sign", opensslPeak, bounded ? "ok" : "MISSED");
+        failedRun = failedRun || !bounded;
+    }
+    if (!allSigned) {
+        std::printf("some signing run failed\n");
+    }
+    const std::string cleanup = "rm -rf '" + dir + "'";
+    if (std::system(cleanup.c_str()) != 0) {
+        std::fprintf(stderr, "could not remove %s\n", dir.c_str());
+    }
+    return allSigned && !failedRun ? 0 : 1;
+}

@@ -1,0 +1,42 @@
+// The private key a signing command uses: a PEM file, or a key held in a
+// PKCS#11 token (a hardware token or HSM) named by an RFC 7512 URI such as
+//   pkcs11:token=release;object=key5?module-path=/usr/lib/softhsm/libsofthsm2.so
+// A token key never leaves the token: OpenSSL hands each signature to it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common.h"
+#include "token_uri.h"
+
+namespace kzol {
+
+// Where the module and the PIN of a token come from when the URI does not say:
+// --module, --pin-file, then the environment variable KZOL_PKCS11_PIN.
+struct TokenOptions {
+    std::string module;
+    std::string pinFile;
+};
+
+class SigningKey {
+public:
+    SigningKey();
+    ~SigningKey();
+    SigningKey(const SigningKey&) = delete;
+    SigningKey& operator=(const SigningKey&) = delete;
+
+    // Loads `spec` (a PEM path or a pkcs11: URI); only an RSA-2048 key is accepted.
+    bool load(const std::string& spec, const TokenOptions& options, std::string& error);
+    EVP_PKEY* get() const { return m_key.get(); }
+    // A token key serves one signature at a time.
+    bool inToken() const { return m_token != nullptr; }
+
+private:
+    struct Token;
+    std::unique_ptr<Token> m_token;  // outlives m_key, which it may back
+    EvpPkeyPtr m_key;
+};
+
+}  // namespace kzol
