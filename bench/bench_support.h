@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 #include <vector>
-#include "openssl_ptr.h"
+#include "handles.h"
 
 namespace kzol_bench {
 

@@ -42,53 +42,51 @@ class Listener {
 public:
     bool start()
     {
-        m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        m_socket.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         sockaddr_un address{AF_UNIX, {}};
         std::memcpy(address.sun_path + 1, "SfDaemon/UserMsg", 16);
-        if (m_socket < 0 || bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-            listen(m_socket, 64) != 0 || pipe2(m_pipe, O_CLOEXEC) != 0) {
+        int ends[2] = {-1, -1};
+        if (!m_socket || bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+            listen(m_socket.get(), 64) != 0 || pipe2(ends, O_CLOEXEC) != 0) {
             return false;
         }
+        m_pipe[0].reset(ends[0]);
+        m_pipe[1].reset(ends[1]);
         m_thread = std::thread([this] { serve(); });
         return true;
     }
     ~Listener()
     {
         if (m_thread.joinable()) {
-            shutdown(m_socket, SHUT_RDWR);
+            shutdown(m_socket.get(), SHUT_RDWR);
             m_thread.join();
-        }
-        for (int fd : {m_socket, m_pipe[0], m_pipe[1]}) {
-            if (fd >= 0) {
-                close(fd);
-            }
         }
     }
     bool delivered() const
     {
         char byte = 0;
-        return read(m_pipe[0], &byte, 1) == 1;
+        return read(m_pipe[0].get(), &byte, 1) == 1;
     }
 
 private:
     void serve()
     {
-        for (int connection; (connection = accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+        for (UniqueFd connection; connection.reset(accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC)), connection;) {
             char buffer[4096];
             std::size_t total = 0;
-            for (ssize_t n; (n = read(connection, buffer, sizeof(buffer))) > 0;) {
+            for (ssize_t n; (n = read(connection.get(), buffer, sizeof(buffer))) > 0;) {
                 total += static_cast<std::size_t>(n);
             }
-            close(connection);
+            connection.reset();
             const char byte = total > 0 ? 1 : 0;
-            if (write(m_pipe[1], &byte, 1) != 1) {
+            if (write(m_pipe[1].get(), &byte, 1) != 1) {
                 return;
             }
         }
     }
 
-    int m_socket = -1;
-    int m_pipe[2] = {-1, -1};
+    UniqueFd m_socket;
+    UniqueFd m_pipe[2];
     std::thread m_thread;
 };
 

@@ -71,7 +71,8 @@ void plainOpenssl(benchmark::State& state, const Workspace& workspace)
     const std::size_t blockSize = file->bytes.size() - file->offset;
     std::vector<unsigned char> buffer(std::max<std::size_t>(65536, blockSize));
     for (auto _ : state) {
-        const int fd = open(file->path.c_str(), O_RDONLY | O_CLOEXEC);
+        const UniqueFd file_fd(open(file->path.c_str(), O_RDONLY | O_CLOEXEC));
+        const int fd = file_fd.get();
         const EvpMdCtxPtr ctx(EVP_MD_CTX_new());
         bool ok = fd >= 0 && ctx && EVP_DigestInit(ctx.get(), EVP_sha256()) == 1;
         for (std::size_t remaining = file->offset; ok && remaining > 0;) {
@@ -81,9 +82,6 @@ void plainOpenssl(benchmark::State& state, const Workspace& workspace)
             remaining -= n;
         }
         ok = ok && read(fd, buffer.data(), blockSize) == static_cast<ssize_t>(blockSize);
-        if (fd >= 0) {
-            close(fd);
-        }
         const BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
         const EvpPkeyPtr key(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr);
         std::vector<unsigned char> raw;

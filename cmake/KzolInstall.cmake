@@ -14,7 +14,7 @@ install(TARGETS kZOLUser kzol_platform_headers dlog vconf usb_device EXPORT kZOL
 install(FILES
   app/kZOLUser/include/kZOLUser.h
   libbs/src/bs_context.h libbs/src/signature.h libbs/src/string_utils.h libbs/src/verify_context.h
-  libbs/src/UnixSocket.h libbs/src/securezone_context.h
+  libbs/src/UnixSocket.h libbs/src/securezone_context.h libbs/src/handles.h
   DESTINATION ${KZOL_INCLUDE_DEST})
 install(DIRECTORY platform/include/ DESTINATION ${KZOL_INCLUDE_DEST}/platform)
 

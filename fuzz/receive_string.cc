@@ -6,6 +6,7 @@
 // and shuts its side; the accepted UnixSocket then receives frames until a
 // receive fails, as it must at the latest at the end of the stream.
 #include "UnixSocket.h"
+#include "handles.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -38,38 +39,20 @@ UnixSocket& host()
     return socket;
 }
 
-class Fd {
-public:
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd()
-    {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
 // The client end: the full-length abstract address, as the channel uses it.
-int connectClient()
+UniqueFd connectClient()
 {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return -1;
+    UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) {
+        return fd;
     }
     struct sockaddr_un address;
     std::memset(&address, 0, sizeof(address));
     address.sun_family = AF_UNIX;
     const std::string& name = hostName();
     std::memcpy(address.sun_path + 1, name.data(), std::min<std::size_t>(name.size(), sizeof(address.sun_path) - 1));
-    if (connect(fd, reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
-        close(fd);
-        return -1;
+    if (connect(fd.get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0) {
+        fd.reset();
     }
     return fd;
 }
@@ -92,8 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     UnixSocket& listener = host();
     size = std::min(size, c_maxInput);
 
-    Fd client(connectClient());
-    if (client.get() < 0) {
+    const UniqueFd client(connectClient());
+    if (!client) {
         std::abort();
     }
     std::size_t written = 0;

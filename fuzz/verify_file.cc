@@ -13,18 +13,18 @@
 
 #include "bs_context.h"
 #include "fuzz_support.h"
+#include "handles.h"
 
 namespace {
 
-EVP_PKEY* devKey(char selector)
+EvpPkeyPtr devKey(char selector)
 {
     const std::string path = std::string(KZOL_SOURCE_DIR) + "/keys/dev/public_key_" + selector + ".pem";
-    FILE* file = std::fopen(path.c_str(), "r");
+    const FilePtr file(std::fopen(path.c_str(), "r"));
     if (file == nullptr) {
         std::abort();
     }
-    EVP_PKEY* key = PEM_read_PUBKEY(file, nullptr, nullptr, nullptr);
-    std::fclose(file);
+    EvpPkeyPtr key(PEM_read_PUBKEY(file.get(), nullptr, nullptr, nullptr));
     if (key == nullptr) {
         std::abort();
     }
@@ -33,14 +33,14 @@ EVP_PKEY* devKey(char selector)
 
 bool opensslAgrees(const uint8_t* data, const Signature& signature, char selector)
 {
-    static EVP_PKEY* const key5 = devKey('5');
-    static EVP_PKEY* const key6 = devKey('6');
+    static const EvpPkeyPtr key5 = devKey('5');
+    static const EvpPkeyPtr key6 = devKey('6');
     ByteBuffer raw;
     if (!fromMPIString(signature, raw)) {
         return false;
     }
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(), EVP_MD_CTX_free);
-    return EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, selector == '5' ? key5 : key6) == 1 &&
+    const EvpMdCtxPtr context(EVP_MD_CTX_new());
+    return EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, (selector == '5' ? key5 : key6).get()) == 1 &&
            EVP_DigestVerifyUpdate(context.get(), data, signature.offset()) == 1 &&
            EVP_DigestVerifyFinal(context.get(), raw.data(), raw.size()) == 1;
 }

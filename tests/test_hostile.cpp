@@ -62,10 +62,9 @@ TEST(HostileFiles, DefiniteAnswers)
     writeFile(at("sparse"), "");
     ASSERT_EQ(truncate(at("sparse").c_str(), off_t{1} << 32), 0);
     {
-        const int fd = open(at("sparse").c_str(), O_WRONLY | O_APPEND);
+        const UniqueFd fd(open(at("sparse").c_str(), O_WRONLY | O_APPEND));
         const std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
-        ASSERT_EQ(write(fd, good.data(), good.size()), static_cast<ssize_t>(good.size()));
-        close(fd);
+        ASSERT_EQ(write(fd.get(), good.data(), good.size()), static_cast<ssize_t>(good.size()));
     }
     std::string longName = area;
     while (longName.size() < 4096) {
@@ -110,8 +109,8 @@ TEST(HostileFiles, RealPathBeyondTheLongestPath)
     const TempDir dir;
     DeviceProfile device;
     const std::string component(200, 'd');
-    const int start = open(".", O_RDONLY | O_DIRECTORY);
-    ASSERT_GE(start, 0);
+    const UniqueFd start(open(".", O_RDONLY | O_DIRECTORY));
+    ASSERT_TRUE(start);
     ASSERT_EQ(chdir(dir.path().c_str()), 0);
     for (int depth = 0; depth < 25; ++depth) {
         ASSERT_EQ(mkdir(component.c_str(), 0700), 0);
@@ -127,6 +126,5 @@ TEST(HostileFiles, RealPathBeyondTheLongestPath)
     for (int depth = 0; depth < 25; ++depth) {
         ASSERT_EQ(chdir(".."), 0);
     }
-    ASSERT_EQ(fchdir(start), 0);
-    close(start);
+    ASSERT_EQ(fchdir(start.get()), 0);
 }

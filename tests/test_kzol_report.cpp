@@ -98,9 +98,9 @@ TEST(KzolListen, HostilePeersDoNotStopIt)
         Listener listener("--json-lines --receive-timeout " + std::string(c.keepOpen ? "300" : "20000") + " --count " +
                           (c.printed.empty() ? "1" : "2"));
         ASSERT_TRUE(listener.listening) << listener.err();
-        const Fd peer = abstractSocket("SfDaemon/UserMsg", false);
-        ASSERT_EQ(send(peer.fd, c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(c.bytes.size()));
-        ASSERT_TRUE(c.keepOpen || shutdown(peer.fd, SHUT_WR) == 0);
+        const UniqueFd peer = abstractSocket("SfDaemon/UserMsg", false);
+        ASSERT_EQ(send(peer.get(), c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(c.bytes.size()));
+        ASSERT_TRUE(c.keepOpen || shutdown(peer.get(), SHUT_WR) == 0);
         EXPECT_EQ(kzol("report --caller good --type 1"), 0);
         EXPECT_EQ(listener.finish(), 0) << listener.err();
         EXPECT_EQ(listener.out(), c.printed + reportLine(1, "good"));
@@ -112,9 +112,9 @@ TEST(KzolListen, SigtermEndsItInsideAFrame)
 {
     Listener listener("--receive-timeout 60000", 6);
     ASSERT_TRUE(listener.listening) << listener.err();
-    const Fd peer = abstractSocket("SfDaemon/UserMsg", false);
+    const UniqueFd peer = abstractSocket("SfDaemon/UserMsg", false);
     const std::string partial = prefix(50) + "{";  // keeps the listener waiting inside a frame
-    ASSERT_EQ(send(peer.fd, partial.data(), partial.size(), MSG_NOSIGNAL), 5);
+    ASSERT_EQ(send(peer.get(), partial.data(), partial.size(), MSG_NOSIGNAL), 5);
     EXPECT_EQ(listener.finish(), 0) << listener.err();
 }
 

@@ -16,6 +16,7 @@
 #include <optional>
 #include <tuple>
 
+#include "handles.h"
 #include "signature.h"
 #include "test_support.h"
 
@@ -35,7 +36,7 @@ struct EnvVar {
 };
 
 // A string from the platform, released with free().
-Text take(char* value) { const Text text = value ? Text(value) : Text(); std::free(value); return text; }
+Text take(char* value) { const MallocPtr<char> owned(value); return owned ? Text(owned.get()) : Text(); }
 
 // One walk of the USB service, as the policy makes it: the answers of init
 // and of the walk, the mount path of each device visited ("<null>" for none),

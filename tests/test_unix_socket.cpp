@@ -30,20 +30,18 @@ std::string uniqueName()
 // The library's descriptors are private; the next one it opens is the lowest free.
 int lowestFree()
 {
-    const int fd = open("/dev/null", O_RDONLY);
-    close(fd);
-    return fd;
+    return UniqueFd(open("/dev/null", O_RDONLY)).get();
 }
 
 // Connects `socket` to a peer of the test and answers the peer; `fd` gets the library's end.
-Fd peerOf(UnixSocket& socket, int* fd = nullptr)
+UniqueFd peerOf(UnixSocket& socket, int* fd = nullptr)
 {
     const std::string name = uniqueName();
-    const Fd listener = abstractSocket(name, true);
+    const UniqueFd listener = abstractSocket(name, true);
     if (fd != nullptr) {
         *fd = lowestFree();
     }
-    return Fd(socket.ConnectToHost(name.c_str()) == 0 ? accept(listener.fd, nullptr, nullptr) : -1);
+    return UniqueFd(socket.ConnectToHost(name.c_str()) == 0 ? accept(listener.get(), nullptr, nullptr) : -1);
 }
 
 // The peer's side of a stream: `wire`, then the end of its sending.
@@ -83,7 +81,7 @@ TEST(UnixSocket, Failures)
         {"non-blocking receive",
          [](UnixSocket& s) {
              int fd = -1;
-             const Fd peer = peerOf(s, &fd);
+             const UniqueFd peer = peerOf(s, &fd);
              std::string text;
              return fcntl(fd, F_SETFL, O_APPEND) == 0 && s.SetNonBlocking() == 0 &&
                     (fcntl(fd, F_GETFL) & ~O_ACCMODE) == O_NONBLOCK && s.ReceiveString(text);
@@ -95,7 +93,7 @@ TEST(UnixSocket, Failures)
          errorLine(c_file, "SetNonBlocking", "fcntl() error ;"), ""},
         {"accept without listening", [](UnixSocket& s) { UnixSocket c; return s.AcceptConnection(c) == 0 || c.IsConnected(); },
          false, errorLine(c_file, "AcceptConnection", "accept() error; "), ""},
-        {"listen on a connected socket", [](UnixSocket& s) { const Fd peer = peerOf(s); return s.Listen(4) == 0; }, true,
+        {"listen on a connected socket", [](UnixSocket& s) { const UniqueFd peer = peerOf(s); return s.Listen(4) == 0; }, true,
          errorLine(c_file, "Listen", "listen() error ;"), ""},
     };
     for (const Case& c : cases) {
@@ -125,8 +123,8 @@ TEST(UnixSocket, ReceiveStringReadsFramesAndClosesOnABadOne)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
         UnixSocket socket;
-        const Fd peer = peerOf(socket);
-        ASSERT_NO_FATAL_FAILURE(feed(peer.fd, c.wire));
+        const UniqueFd peer = peerOf(socket);
+        ASSERT_NO_FATAL_FAILURE(feed(peer.get(), c.wire));
         StderrCapture err;
         Lines texts;
         for (std::string text; texts.size() < c.texts.size() && socket.ReceiveString(text);) {
@@ -152,7 +150,7 @@ TEST(UnixSocket, Waits)
         SCOPED_TRACE(floor);
         const rlimit raised = {std::max<rlim_t>(saved.rlim_cur, 2 * FD_SETSIZE), saved.rlim_max};
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
-        std::vector<Fd> filler;
+        std::vector<UniqueFd> filler;
         while (lowestFree() < floor) {
             filler.emplace_back(open("/dev/null", O_RDONLY));
         }
@@ -167,12 +165,12 @@ TEST(UnixSocket, Waits)
             EXPECT_EQ(loggedLines(), t.silent ? Lines{} : Lines{errorLine(c_file, "AcceptConnection", line)});
         }
         // The listener takes the full-length address of the name's first 107 bytes.
-        const Fd peer = abstractSocket(name.substr(0, 107), false);
+        const UniqueFd peer = abstractSocket(name.substr(0, 107), false);
         ASSERT_EQ(timed(0, 500, [&] { return host.AcceptConnection(socket, 1000, false); }), 0);
-        EXPECT_LT(abstractSocket(name.substr(0, 106), false).fd, 0);
+        EXPECT_LT(abstractSocket(name.substr(0, 106), false).get(), 0);
         EXPECT_TRUE(timed(0, 500, [&] { return socket.IsReadyForWriting(1000); }));
         std::string text;
-        ASSERT_NO_FATAL_FAILURE(feed(peer.fd, frame("data")));
+        ASSERT_NO_FATAL_FAILURE(feed(peer.get(), frame("data")));
         EXPECT_TRUE(socket.ReceiveString(text, 1000));
         EXPECT_EQ(text, "data");
     }

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "bs_context.h"
+#include "handles.h"
 #include "test_support.h"
 #include "verify_context.h"
 
@@ -125,7 +126,7 @@ TEST(BSContext, SelectPubKeyAndFileSize)
     EXPECT_EQ(key, "");
     const TempDir dir;
     writeFile(dir.file("f"), std::string(12345, 'z'));
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(dir.file("f").c_str(), "rb"), &std::fclose);
+    const FilePtr file(std::fopen(dir.file("f").c_str(), "rb"));
     EXPECT_EQ(BSContext().getFileSize(file.get()), 12345);
     clearLog();
     EXPECT_EQ(BSContext().getFileSize(nullptr), 0);

@@ -31,11 +31,7 @@ constexpr std::uint32_t c_maxFrameLength = 0x7FFFFFFEU;
 static_assert(sizeof(struct sockaddr_un) == 110, "the channel's addresses are 110 bytes long");
 static_assert(c_maxNameLength == 107, "names are cut at 107 bytes");
 
-struct FreeDeleter {
-    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): releases the frame buffer from calloc below
-    void operator()(unsigned char* p) const { std::free(p); }
-};
-using FrameBuffer = std::unique_ptr<unsigned char, FreeDeleter>;
+using FrameBuffer = MallocPtr<unsigned char>;
 
 // Waits until `descriptor` is ready for reading (or writing) for at most
 // `timeoutMs` milliseconds: 0 when ready, -1 on timeout or failure, without
@@ -80,7 +76,7 @@ int SfDescriptorReadyForOperation(int descriptor, unsigned int timeoutMs, bool f
 
 }  // namespace
 
-UnixSocket::UnixSocket() : m_descriptor(s_badDescriptor), m_address()
+UnixSocket::UnixSocket() : m_address()
 {
 }
 
@@ -101,10 +97,12 @@ void UnixSocket::SetupSocket(char const* name)
 
 int UnixSocket::CreateSocketDescriptor()
 {
-    m_descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (m_descriptor < 0) {
+    // A descriptor held before is overwritten, not closed, as in accept.
+    (void)m_descriptor.release();
+    m_descriptor.reset(socket(AF_UNIX, SOCK_STREAM, 0));
+    if (!m_descriptor) {
         log("socket() error ;");
-        m_descriptor = s_badDescriptor;
+        m_descriptor.reset(s_badDescriptor);
         return -1;
     }
     return 0;
@@ -116,7 +114,7 @@ int UnixSocket::ConnectToHost(char const* name)
     if (CreateSocketDescriptor() != 0) {
         return -1;
     }
-    if (connect(m_descriptor, reinterpret_cast<const struct sockaddr*>(&m_address), c_addressLength) != 0) {
+    if (connect(m_descriptor.get(), reinterpret_cast<const struct sockaddr*>(&m_address), c_addressLength) != 0) {
         KZOL_LOGE("connect() error ;");
         return -1;
     }
@@ -137,7 +135,7 @@ int UnixSocket::SetupHost(char const* name, unsigned int backlog)
 
 int UnixSocket::Bind()
 {
-    if (bind(m_descriptor, reinterpret_cast<const struct sockaddr*>(&m_address), c_addressLength) != 0) {
+    if (bind(m_descriptor.get(), reinterpret_cast<const struct sockaddr*>(&m_address), c_addressLength) != 0) {
         KZOL_LOGE("bind() error ;");
         return -1;
     }
@@ -146,7 +144,7 @@ int UnixSocket::Bind()
 
 int UnixSocket::Listen(unsigned int backlog)
 {
-    if (listen(m_descriptor, static_cast<int>(backlog)) != 0) {
+    if (listen(m_descriptor.get(), static_cast<int>(backlog)) != 0) {
         KZOL_LOGE("listen() error ;");
         return -1;
     }
@@ -156,9 +154,13 @@ int UnixSocket::Listen(unsigned int backlog)
 int UnixSocket::AcceptConnection(UnixSocket& client)
 {
     socklen_t length = c_addressLength;
-    client.m_descriptor = accept(m_descriptor, reinterpret_cast<struct sockaddr*>(&client.m_address), &length);
-    if (client.m_descriptor < 0) {
-        client.m_descriptor = s_badDescriptor;
+    // The client is expected to hold no descriptor; one it holds is
+    // overwritten, not closed.
+    (void)client.m_descriptor.release();
+    client.m_descriptor.reset(
+        accept(m_descriptor.get(), reinterpret_cast<struct sockaddr*>(&client.m_address), &length));
+    if (!client.m_descriptor) {
+        client.m_descriptor.reset(s_badDescriptor);
         KZOL_LOGE("accept() error; ");
         return -1;
     }
@@ -178,7 +180,7 @@ int UnixSocket::AcceptConnection(UnixSocket& client, unsigned int timeoutMs, boo
 
 int UnixSocket::SetNonBlocking()
 {
-    if (fcntl(m_descriptor, F_SETFL, O_NONBLOCK) != 0) {
+    if (fcntl(m_descriptor.get(), F_SETFL, O_NONBLOCK) != 0) {
         KZOL_LOGE("fcntl() error ;");
         return -1;
     }
@@ -187,27 +189,25 @@ int UnixSocket::SetNonBlocking()
 
 bool UnixSocket::IsConnected() const
 {
-    return m_descriptor != s_badDescriptor;
+    return m_descriptor.get() != s_badDescriptor;
 }
 
 bool UnixSocket::IsReadyForReading(unsigned int timeoutMs) const
 {
-    return SfDescriptorReadyForOperation(m_descriptor, timeoutMs, true) == 0;
+    return SfDescriptorReadyForOperation(m_descriptor.get(), timeoutMs, true) == 0;
 }
 
 bool UnixSocket::IsReadyForWriting(unsigned int timeoutMs) const
 {
-    return SfDescriptorReadyForOperation(m_descriptor, timeoutMs, false) == 0;
+    return SfDescriptorReadyForOperation(m_descriptor.get(), timeoutMs, false) == 0;
 }
 
 int UnixSocket::Disconnect()
 {
-    if (m_descriptor < 0) {
+    if (!m_descriptor) {
         return 0;
     }
-    const int result = close(m_descriptor);
-    m_descriptor = s_badDescriptor;
-    return result == 0 ? 0 : -1;
+    return m_descriptor.close() ? 0 : -1;
 }
 
 bool UnixSocket::SendData(unsigned char const* buffer, unsigned int length)
@@ -215,7 +215,7 @@ bool UnixSocket::SendData(unsigned char const* buffer, unsigned int length)
     std::size_t position = 0;
     std::size_t remaining = length;
     while (remaining > 0) {
-        const ssize_t sent = send(m_descriptor, buffer + position, remaining, MSG_NOSIGNAL);
+        const ssize_t sent = send(m_descriptor.get(), buffer + position, remaining, MSG_NOSIGNAL);
         if (sent < 0) {
             log("send() error ;");
             Disconnect();
@@ -232,7 +232,7 @@ bool UnixSocket::ReceiveData(unsigned char* buffer, unsigned int length)
     std::size_t position = 0;
     std::size_t remaining = length;
     while (remaining > 0) {
-        const ssize_t received = recv(m_descriptor, buffer + position, remaining, 0);
+        const ssize_t received = recv(m_descriptor.get(), buffer + position, remaining, 0);
         if (received <= 0) {
             if (received == 0) {
                 log("peer is shutdown;");

@@ -19,6 +19,8 @@
 
 #include <string>
 
+#include "handles.h"
+
 class UnixSocket {
 public:
     static const int s_badDescriptor = -1;
@@ -63,6 +65,6 @@ public:
     bool ReceiveString(std::string& text, unsigned int timeoutMs);
 
 private:
-    int m_descriptor;
+    UniqueFd m_descriptor;
     struct sockaddr_un m_address;
 };

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "handles.h"
 #include "log.h"
 #include "public_keys.h"
 #include "verify_context.h"
@@ -56,14 +57,12 @@ Result BSContext::verifyFile(const std::string& path, const Signature& signature
 bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key,
                        bool& isVerified)
 {
-    FILE* pFile = bs_fopen(path.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verify", path.c_str());
         return false;
     }
-    const bool done = verify(pFile, signature, key, isVerified);
-    bs_fclose(pFile);
-    return done;
+    return verify(file.get(), signature, key, isVerified);
 }
 
 bool BSContext::verify(FILE* pFile, const Signature& signature, const std::string& key, bool& isVerified)
@@ -165,17 +164,15 @@ bool BSContext::verifyWithDeviceId(const std::string& fileName, const Signature&
 {
     ByteBuffer data;
     readDeviceId(data, deviceId);
-    FILE* pFile = bs_fopen(fileName.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(fileName.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("BSContext::%s(): failed to open [%s] for reading", "verifyWithDeviceId", fileName.c_str());
         return false;
     }
     // The certificate only has to be readable: none of its bytes are signed.
     VerifyContext context;
-    const bool done = context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
-                      context.checkMPI(signature, isCorrect);
-    bs_fclose(pFile);
-    return done;
+    return context.loadPublicKey(publicKey) && context.init() && context.update(data) &&
+           context.checkMPI(signature, isCorrect);
 }
 
 Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId,

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 
+#include "handles.h"
 #include "log.h"
 
 namespace {
@@ -16,14 +17,13 @@ SecureZoneContext::SecureZoneContext(const char* zonePath) : m_zonePath(zonePath
 
 bool SecureZoneContext::getContainerInformation(ContainerContent& out)
 {
-    FILE* file = m_zonePath != nullptr ? std::fopen(m_zonePath, "r") : nullptr;
+    const FilePtr file(m_zonePath != nullptr ? std::fopen(m_zonePath, "r") : nullptr);
     if (file == nullptr) {
         KZOL_LOGE("Failed to open zone file");
         return false;
     }
     // NOLINTNEXTLINE(cert-err34-c): the zone file's fixed "%d %d" scan
-    const int scanned = std::fscanf(file, "%d %d", &out.level, &out.type);
-    (void)std::fclose(file);
+    const int scanned = std::fscanf(file.get(), "%d %d", &out.level, &out.type);
     if (scanned != 2) {
         KZOL_LOGE("Failed to read zone file");
         return false;

@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "block_layout.h"
+#include "handles.h"
 #include "log.h"
 
 namespace {
@@ -27,32 +28,6 @@ inline bool fitsPositions(off_t size)
     return static_cast<std::uint64_t>(size) <= std::numeric_limits<std::uint32_t>::max();
 }
 
-// Owns a descriptor until it is handed on.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor()
-    {
-        if (m_fd >= 0) {
-            const int error = errno;
-            close(m_fd);
-            errno = error;
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    [[nodiscard]] int get() const { return m_fd; }
-    int release()
-    {
-        const int fd = m_fd;
-        m_fd = -1;
-        return fd;
-    }
-
-private:
-    int m_fd;
-};
-
 bool isReadOnlyMode(const char* mode)
 {
     return mode[0] == 'r' && std::strchr(mode, '+') == nullptr;
@@ -64,7 +39,7 @@ int openForReading(const char* path)
 {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer for as long
     // as one chooses not to come, and a device node could wait on its device.
-    Descriptor fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) {
         return -1;
     }
@@ -96,13 +71,13 @@ FILE* bs_fopen(const char* path, const char* mode)
     if (!isReadOnlyMode(mode)) {
         return std::fopen(path, mode);
     }
-    Descriptor fd(openForReading(path));
+    UniqueFd fd(openForReading(path));
     if (fd.get() < 0) {
         return nullptr;
     }
     FILE* stream = fdopen(fd.get(), mode);
     if (stream != nullptr) {
-        fd.release();
+        (void)fd.release();  // the stream owns it now
     }
     return stream;
 }
@@ -110,7 +85,7 @@ FILE* bs_fopen(const char* path, const char* mode)
 void bs_fclose(FILE* pFile)
 {
     if (pFile != nullptr) {
-        (void)std::fclose(pFile);
+        FileClose()(pFile);
     }
 }
 
@@ -144,11 +119,12 @@ unsigned int Signature::offset() const
 
 bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
 {
-    FILE* pFile = bs_fopen(path.c_str(), "rb");
-    if (pFile == nullptr) {
+    const FilePtr file(bs_fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
+    FILE* const pFile = file.get();
     const unsigned int blockEnd = getFileSize(pFile);
     bool loaded = false;
     // In a file larger than the 32-bit positions reach, every wrapped position
@@ -158,7 +134,6 @@ bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
     if (fits && checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
         loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
     }
-    bs_fclose(pFile);
     return loaded;
 }
 

@@ -9,7 +9,6 @@
 #include <memory>
 
 #include "log.h"
-#include "openssl_ptr.h"
 
 namespace {
 
@@ -29,7 +28,7 @@ bool VerifyContext::loadKey(const std::string& key)
 {
     destroyKey();
 
-    m_pKey = EVP_PKEY_new();
+    m_pKey.reset(EVP_PKEY_new());
     const BioPtr bio(BIO_new(BIO_s_mem()));
     if (m_pKey == nullptr && !bio) {
         KZOL_LOGE("VerifyContext::loadKey(): failed to allocate key");
@@ -43,15 +42,19 @@ bool VerifyContext::loadKey(const std::string& key)
         written = BIO_write(bio.get(), key.data(), static_cast<int>(key.size()));
     }
 
-    // On success PEM_read_bio_PUBKEY stores the key it read in m_pKey and
+    // On success PEM_read_bio_PUBKEY stores the key it read in `loaded` and
     // disposes of the object that was there (or makes one when there was
-    // none); on failure it leaves m_pKey as it was. Either way m_pKey is the
-    // only handle to release afterwards.
-    if (!bio || written < 0 || PEM_read_bio_PUBKEY(bio.get(), &m_pKey, nullptr, nullptr) == nullptr ||
-        EVP_PKEY_type(EVP_PKEY_id(m_pKey)) != EVP_PKEY_RSA) {
+    // none); on failure it leaves `loaded` as it was. Either way m_pKey takes
+    // back the only handle to release.
+    bool read = false;
+    if (bio && written >= 0) {
+        EVP_PKEY* loaded = m_pKey.release();
+        read = PEM_read_bio_PUBKEY(bio.get(), &loaded, nullptr, nullptr) != nullptr;
+        m_pKey.reset(loaded);
+    }
+    if (!read || EVP_PKEY_type(EVP_PKEY_id(m_pKey.get())) != EVP_PKEY_RSA) {
         KZOL_LOGE("VerifyContext::loadKey(): failed to load public key");
-        EVP_PKEY_free(m_pKey);
-        m_pKey = nullptr;
+        m_pKey.reset();
         return false;
     }
     return true;
@@ -66,12 +69,12 @@ bool VerifyContext::init()
 {
     destroyContext();
 
-    m_pContext = EVP_MD_CTX_new();
+    m_pContext.reset(EVP_MD_CTX_new());
     if (m_pContext == nullptr) {
         KZOL_LOGE("VerifyContext::init(): failed to allocate OpenSSL context");
         return false;
     }
-    return EVP_DigestInit(m_pContext, hashType()) == 1;
+    return EVP_DigestInit(m_pContext.get(), hashType()) == 1;
 }
 
 bool VerifyContext::update(const unsigned char* data, unsigned int length)
@@ -84,7 +87,7 @@ bool VerifyContext::update(const unsigned char* data, unsigned int length)
         KZOL_LOGE("VerifyContext::update(): data is NULL");
         return false;
     }
-    return EVP_DigestUpdate(m_pContext, data, length) == 1;
+    return EVP_DigestUpdate(m_pContext.get(), data, length) == 1;
 }
 
 bool VerifyContext::update(const ByteBuffer& data)
@@ -118,7 +121,7 @@ bool VerifyContext::check(const unsigned char* pSignature, unsigned int length, 
         KZOL_LOGE("VerifyContext::check(): m_pKey or m_pContext is NULL");
         return false;
     }
-    const int result = EVP_VerifyFinal(m_pContext, pSignature, length, m_pKey);
+    const int result = EVP_VerifyFinal(m_pContext.get(), pSignature, length, m_pKey.get());
     if (result == -1) {
         return false;
     }
@@ -167,18 +170,12 @@ void VerifyContext::destroy()
 
 void VerifyContext::destroyKey()
 {
-    if (m_pKey != nullptr) {
-        EVP_PKEY_free(m_pKey);
-        m_pKey = nullptr;
-    }
+    m_pKey.reset();
 }
 
 void VerifyContext::destroyContext()
 {
-    if (m_pContext != nullptr) {
-        EVP_MD_CTX_free(m_pContext);
-        m_pContext = nullptr;
-    }
+    m_pContext.reset();
 }
 
 const EVP_MD* hashType()

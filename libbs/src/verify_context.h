@@ -18,6 +18,7 @@
 
 #include <string>
 
+#include "handles.h"
 #include "string_utils.h"
 
 class VerifyContext {
@@ -52,8 +53,8 @@ public:
     void destroyContext();
 
 private:
-    EVP_PKEY* m_pKey{nullptr};
-    EVP_MD_CTX* m_pContext{nullptr};
+    EvpPkeyPtr m_pKey;
+    EvpMdCtxPtr m_pContext;
 };
 
 // The digest of every signature: SHA-256.

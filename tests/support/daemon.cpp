@@ -13,32 +13,31 @@ namespace kzol_test {
 
 timespec g_reportTime = {20000 * 86400L + 3723, 4999};
 
-Fd abstractSocket(const std::string& name, bool listening)
+UniqueFd abstractSocket(const std::string& name, bool listening)
 {
     sockaddr_un address{AF_UNIX, {}};
     std::memcpy(address.sun_path + 1, name.data(), std::min(name.size(), sizeof(address.sun_path) - 1));
-    Fd s(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (listening ? SOCK_NONBLOCK : 0), 0));
+    UniqueFd s(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (listening ? SOCK_NONBLOCK : 0), 0));
     const auto* a = reinterpret_cast<const sockaddr*>(&address);
-    const bool ok = listening ? bind(s.fd, a, sizeof(address)) == 0 && listen(s.fd, 4096) == 0
-                              : connect(s.fd, a, sizeof(address)) == 0;
-    return ok ? std::move(s) : Fd();
+    const bool ok = listening ? bind(s.get(), a, sizeof(address)) == 0 && listen(s.get(), 4096) == 0
+                              : connect(s.get(), a, sizeof(address)) == 0;
+    return ok ? std::move(s) : UniqueFd();
 }
 
 DaemonListener::DaemonListener() : m_socket(abstractSocket("SfDaemon/UserMsg", true))
 {
-    EXPECT_GE(m_socket.fd, 0) << "cannot listen on the daemon's name: " << std::strerror(errno);
+    EXPECT_GE(m_socket.get(), 0) << "cannot listen on the daemon's name: " << std::strerror(errno);
 }
 
 Lines DaemonListener::drain()
 {
     Lines received;
-    for (int connection; (connection = accept4(m_socket.fd, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+    for (UniqueFd connection; connection.reset(accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC)), connection;) {
         std::string bytes;
         char buffer[65536];
-        for (ssize_t n; (n = recv(connection, buffer, sizeof(buffer), 0)) > 0;) {
+        for (ssize_t n; (n = recv(connection.get(), buffer, sizeof(buffer), 0)) > 0;) {
             bytes.append(buffer, static_cast<std::size_t>(n));
         }
-        close(connection);
         received.push_back(std::move(bytes));
     }
     return received;

@@ -8,22 +8,14 @@
 #include <cstdint>
 #include <ctime>
 
+#include "handles.h"
 #include "test_support.h"
 
 namespace kzol_test {
 
-// A descriptor of the test's own, closed when it goes.
-struct Fd {
-    int fd;
-    explicit Fd(int f = -1) : fd(f) {}
-    Fd(Fd&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    Fd& operator=(Fd&& other) noexcept { std::swap(fd, other.fd); return *this; }
-    ~Fd() { if (fd >= 0) close(fd); }
-};
-
 // A stream socket on the full 110-byte abstract address of `name`: listening
 // (non-blocking, so that accept answers at once) or connected; -1 on failure.
-Fd abstractSocket(const std::string& name, bool listening);
+UniqueFd abstractSocket(const std::string& name, bool listening);
 
 // Connections queue up on the daemon's name until drain() serves them: the
 // library connects, sends and closes before its call returns, so the queue
@@ -32,12 +24,12 @@ class DaemonListener {
 public:
     DaemonListener();
     // Releases the name: connections fail from then on.
-    void stop() { m_socket = Fd(); }
+    void stop() { m_socket = UniqueFd(); }
     // The bytes of every connection queued since the last drain, in order.
     Lines drain();
 
 private:
-    Fd m_socket;
+    UniqueFd m_socket;
 };
 
 // The time of day the library numbers its reports by (this program's

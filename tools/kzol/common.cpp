@@ -24,21 +24,6 @@ int fail(int status, const std::string& message)
     return status;
 }
 
-UniqueFd::~UniqueFd()
-{
-    close();
-}
-
-bool UniqueFd::close()
-{
-    if (m_fd < 0) {
-        return true;
-    }
-    const int fd = m_fd;
-    m_fd = -1;
-    return ::close(fd) == 0;
-}
-
 std::string opensslErrors()
 {
     std::string text;

@@ -1,5 +1,5 @@
 // Pieces shared by the kzol commands: exit statuses, error reporting, RAII
-// handles for descriptors and OpenSSL objects, whole-file reading and the
+// handles (the library's owner types), whole-file reading and the
 // printable form of raw bytes.
 #pragma once
 
@@ -11,11 +11,13 @@
 #include <string>
 
 #include "string_utils.h"
-#include "openssl_ptr.h"
+#include "handles.h"
 
 namespace kzol {
 
 using ::BioPtr;
+using ::FilePtr;
+using ::UniqueFd;
 using ::EvpMdCtxPtr;
 using ::EvpPkeyCtxPtr;
 using ::EvpPkeyPtr;
@@ -29,30 +31,6 @@ constexpr int c_exitError = 2;     // bad usage, unreadable input, failed output
 int fail(const std::string& message);
 // The same, answering `status`.
 int fail(int status, const std::string& message);
-
-// A file descriptor closed on destruction.
-class UniqueFd {
-public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : m_fd(fd) {}
-    ~UniqueFd();
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    int get() const { return m_fd; }
-    explicit operator bool() const { return m_fd >= 0; }
-    // Closes now and answers whether close succeeded.
-    bool close();
-    // Closes the current descriptor and takes `fd`.
-    void reset(int fd)
-    {
-        close();
-        m_fd = fd;
-    }
-
-private:
-    int m_fd = -1;
-};
-
 
 // Drains OpenSSL's error queue of this thread into one line ("" when empty).
 std::string opensslErrors();

@@ -39,11 +39,6 @@ struct InspectOptions {
     bool json = false;
 };
 
-struct BsFileClose {
-    void operator()(FILE* f) const { bs_fclose(f); }
-};
-using BsFilePtr = std::unique_ptr<FILE, BsFileClose>;
-
 struct Findings {
     std::uint64_t fileSize = 0;
     std::optional<unsigned int> blockEnd;
@@ -299,7 +294,7 @@ int runInspect(const InspectOptions& options)
     _ZolSigMeta meta{};
     const bool loaded = block.loadFromFile(path, meta);
 
-    BsFilePtr file(bs_fopen(path.c_str(), "rb"));
+    FilePtr file(bs_fopen(path.c_str(), "rb"));
     if (!file) {
         return fail("cannot open " + path + ": " + errnoText(errno));
     }

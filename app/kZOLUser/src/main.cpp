@@ -14,6 +14,7 @@
 
 #include "kZOLUser.h"
 #include "bs_context.h"
+#include "handles.h"
 #include "log.h"
 #include "main.h"
 #include "securezone_context.h"
@@ -146,7 +147,7 @@ extern "C" int SendSecurityReport(const char* caller, const char* fileType, cons
 
 bool IsDTV()
 {
-    FILE* modules = std::fopen(c_modulesPath, "r");
+    const FilePtr modules(std::fopen(c_modulesPath, "r"));
     if (modules == nullptr) {
         KZOL_LOGI("[zol] /proc/modules is not exited");
         return false;
@@ -155,13 +156,12 @@ bool IsDTV()
     // whose name begins with "micom" is found.
     char piece[6];
     bool found = false;
-    while (std::fgets(piece, sizeof(piece), modules) != nullptr) {
+    while (std::fgets(piece, sizeof(piece), modules.get()) != nullptr) {
         if (std::strstr(piece, c_micomModule) != nullptr) {
             found = true;
             break;
         }
     }
-    (void)std::fclose(modules);
     return found;
 }
 
@@ -169,9 +169,8 @@ bool isFileExists(const char* path)
 {
     // Opened as the verification will open it: a FIFO or a device node is
     // answered at once instead of waiting on its other end.
-    const int fd = path != nullptr ? openForReading(path) : -1;
-    if (fd >= 0) {
-        (void)close(fd);
+    const UniqueFd fd(path != nullptr ? openForReading(path) : -1);
+    if (fd) {
         return true;
     }
     const int error = path != nullptr ? errno : EINVAL;
@@ -190,9 +189,8 @@ bool FindZOLDiableFile()
 std::string GetDUID()
 {
     // No value under the key is an empty identifier.
-    char* value = vconf_get_str(c_duidKey);
-    std::string duid = value != nullptr ? value : "";
-    std::free(value);  // NOLINT(cppcoreguidelines-no-malloc): the store hands its value over in malloc'd storage
+    const MallocPtr<char> value(vconf_get_str(c_duidKey));
+    std::string duid = value != nullptr ? value.get() : "";
     if (duid.empty()) {
         KZOL_LOGE("Hwduid get failed;");
     }
