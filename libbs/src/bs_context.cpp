@@ -1,10 +1,15 @@
 #include "bs_context.h"
 
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
+#include <memory>
+#include <new>
 #include <string_view>
 
 #include "handles.h"
@@ -21,6 +26,95 @@ constexpr unsigned int c_readChunk = 16384;
 constexpr std::string_view c_userAreas[] = {"/opt", "/tmp"};
 constexpr std::string_view c_excludedDirectories[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
 
+// A read-only stream over an open descriptor that reads with pread at its
+// own position: the descriptor's file offset is neither used nor moved, so
+// the caller's offset does not matter and the caller keeps its descriptor.
+struct DescriptorCursor {
+    int fd;
+    off64_t position;
+};
+
+ssize_t readAt(void* cookie, char* buffer, std::size_t size)
+{
+    auto* cursor = static_cast<DescriptorCursor*>(cookie);
+    ssize_t got = 0;
+    do {
+        got = pread(cursor->fd, buffer, size, cursor->position);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        cursor->position += got;
+    }
+    return got;
+}
+
+int seekTo(void* cookie, off64_t* offset, int whence)
+{
+    auto* cursor = static_cast<DescriptorCursor*>(cookie);
+    off64_t base = 0;
+    if (whence == SEEK_CUR) {
+        base = cursor->position;
+    } else if (whence == SEEK_END) {
+        struct stat status {};
+        if (fstat(cursor->fd, &status) != 0) {
+            return -1;
+        }
+        base = status.st_size;
+    } else if (whence != SEEK_SET) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (*offset < 0 && base < -*offset) {
+        errno = EINVAL;
+        return -1;
+    }
+    cursor->position = base + *offset;
+    *offset = cursor->position;
+    return 0;
+}
+
+int releaseCursor(void* cookie)
+{
+    delete static_cast<DescriptorCursor*>(cookie);  // NOLINT(cppcoreguidelines-owning-memory): the stream owns its cursor
+    return 0;
+}
+
+// Null when no stream can be made (memory); the descriptor stays the caller's.
+FilePtr openDescriptor(int fd)
+{
+    std::unique_ptr<DescriptorCursor> cursor(new (std::nothrow) DescriptorCursor{fd, 0});
+    if (!cursor) {
+        return {};
+    }
+    const cookie_io_functions_t functions{readAt, nullptr, seekTo, releaseCursor};
+    FilePtr stream(fopencookie(cursor.get(), "rb", functions));
+    if (stream) {
+        (void)cursor.release();  // released by the stream's close
+    }
+    return stream;
+}
+
+void logNotSigned(const char* caller, const std::string& path)
+{
+    KZOL_LOGE_IN("verifyFile", "[zol][%s]! : \033[1;31mNot Signed [ file_path : %s ]\033[0m", caller, path.c_str());
+}
+
+// The outcome of a check that `done` (or could not be carried out), logged.
+Result verdict(bool done, bool isVerified, const std::string& path, const char* caller)
+{
+    if (!done) {
+        log("[zol][%s] : error during signature check [ file_path : %s ]", caller, path.c_str());
+        return BS_ERROR;
+    }
+    if (isVerified) {
+        KZOL_LOGI_IN("verifyFile", "[zol][%s] : \033[1;32mCorrect Signed [ file_path : %s ]\033[0m", caller,
+                     path.c_str());
+        return BS_SIGNATURE_CORRECT;
+    }
+    KZOL_LOGE_IN("verifyFile", "[zol][%s]! : \033[1;31mIncorrect Signed [ file_path : %s ]\033[0m", caller,
+                 path.c_str());
+    return BS_SIGNATURE_INCORRECT;
+}
+
 }  // namespace
 
 Result BSContext::verifyFile(const std::string& path, const char* caller)
@@ -28,7 +122,7 @@ Result BSContext::verifyFile(const std::string& path, const char* caller)
     Signature signature;
     _ZolSigMeta meta{};
     if (!signature.loadFromFile(path, meta)) {
-        KZOL_LOGE("[zol][%s]! : \033[1;31mNot Signed [ file_path : %s ]\033[0m", caller, path.c_str());
+        logNotSigned(caller, path);
         return BS_NOT_SIGNED;
     }
     std::string key;
@@ -38,20 +132,30 @@ Result BSContext::verifyFile(const std::string& path, const char* caller)
     return verifyFile(path, signature, key, caller);
 }
 
+Result BSContext::verifyFile(int fd, const std::string& path, const char* caller)
+{
+    const FilePtr stream = openDescriptor(fd);
+    Signature signature;
+    _ZolSigMeta meta{};
+    if (!stream || !signature.loadFromStream(stream.get(), meta)) {
+        logNotSigned(caller, path);
+        return BS_NOT_SIGNED;
+    }
+    std::string key;
+    if (!SelectPubKey(meta.sigType, meta.keyId, key)) {
+        return BS_ERROR;
+    }
+    bool isVerified = false;
+    const bool done = verify(stream.get(), signature, key, isVerified);
+    return verdict(done, isVerified, path, caller);
+}
+
 Result BSContext::verifyFile(const std::string& path, const Signature& signature, const std::string& key,
                              const char* caller)
 {
     bool isVerified = false;
-    if (!verify(path, signature, key, isVerified)) {
-        log("[zol][%s] : error during signature check [ file_path : %s ]", caller, path.c_str());
-        return BS_ERROR;
-    }
-    if (isVerified) {
-        KZOL_LOGI("[zol][%s] : \033[1;32mCorrect Signed [ file_path : %s ]\033[0m", caller, path.c_str());
-        return BS_SIGNATURE_CORRECT;
-    }
-    KZOL_LOGE("[zol][%s]! : \033[1;31mIncorrect Signed [ file_path : %s ]\033[0m", caller, path.c_str());
-    return BS_SIGNATURE_INCORRECT;
+    const bool done = verify(path, signature, key, isVerified);
+    return verdict(done, isVerified, path, caller);
 }
 
 bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key,
@@ -127,7 +231,14 @@ long BSContext::getFileSize(FILE* pFile)
         return 0;
     }
     fseeko(pFile, 0, SEEK_END);
-    return static_cast<long>(ftello(pFile));
+    const off_t size = ftello(pFile);
+    // Where long is 32 bits, a size from 2 GiB on does not fit: -1 with
+    // EOVERFLOW, as ftell answers, rather than a wrapped size.
+    if (size > static_cast<off_t>(std::numeric_limits<long>::max())) {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    return static_cast<long>(size);
 }
 
 int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const
@@ -136,8 +247,10 @@ int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const
         const int error = path == nullptr || resolved == nullptr ? EINVAL : errno;
         char buffer[128];
         KZOL_LOGE("realpath() error : %s;", strerror_r(error, buffer, sizeof(buffer)));
+        errno = error;
         return -1;
     }
+    errno = 0;
     for (const std::string_view area : c_userAreas) {
         if (std::strncmp(resolved, area.data(), area.size()) != 0) {
             continue;

@@ -42,6 +42,10 @@ public:
     // Loads the block of `path`, selects the built-in key it names and checks
     // the signature over the signed region: 0, 4, 5 or 6.
     Result verifyFile(const std::string& path, const char* caller);
+    // The same for the file open on `fd`: its bytes are read from the
+    // descriptor (at positions of their own, whatever its offset), `path`
+    // names it in the messages. The descriptor stays open.
+    Result verifyFile(int fd, const std::string& path, const char* caller);
     // The check itself, with a loaded block and the key text: 0, 5 or 6.
     Result verifyFile(const std::string& path, const Signature& signature, const std::string& key,
                       const char* caller);
@@ -58,13 +62,15 @@ public:
     // Type 'P' with selector '5' or '6' selects a built-in public key.
     bool SelectPubKey(char sigType, char keyId, std::string& key);
 
-    // Size of the open file in bytes (the file is left at its end); 0 for null.
+    // Size of the open file in bytes (the file is left at its end); 0 for null;
+    // -1 (errno EOVERFLOW) for a size that long cannot hold, as ftell.
     long getFileSize(FILE* pFile);
 
     // Resolves `path` into `resolved` (room for PATH_MAX bytes) and answers 0
     // when the real path lies in a user-writable area ("/opt", "/tmp", as plain
     // prefixes) and not in an excluded directory below it; -1 otherwise,
-    // also when the path cannot be resolved.
+    // also when the path cannot be resolved. After -1, errno holds the
+    // resolution's error, or 0 when the real path was found but lies outside.
     int checkFileIsInRWUser(const char* path, char* resolved) const;
 
     // Disable certificate: the signature in the certificate's block is over

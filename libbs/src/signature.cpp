@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <limits>
 
 #include "block_layout.h"
@@ -22,6 +23,10 @@ using block_layout::c_footprintSize;
 using block_layout::c_lengthFieldSize;
 using block_layout::c_metaFieldSize;
 using block_layout::c_tailSize;
+// How long a file under a lease is waited for: beyond the kernel's default
+// lease-break time of 45 s, after which the file counts as unreadable.
+constexpr int c_leaseWaitMs = 60000;
+constexpr int c_leaseRetryMs = 10;
 
 inline bool fitsPositions(off_t size)
 {
@@ -39,7 +44,19 @@ int openForReading(const char* path)
 {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer for as long
     // as one chooses not to come, and a device node could wait on its device.
-    UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    constexpr int openFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd fd(open(path, openFlags));
+    // A regular file under a lease answers a non-blocking open with
+    // EWOULDBLOCK once the kernel has begun to break the lease. A blocking
+    // open would wait for the break, which the kernel bounds by
+    // /proc/sys/fs/lease-break-time; the file is waited for the same way,
+    // each try still without blocking, so that a name swapped for a FIFO in
+    // the meantime cannot hold the caller.
+    for (int waitedMs = 0; !fd && errno == EWOULDBLOCK && waitedMs < c_leaseWaitMs; waitedMs += c_leaseRetryMs) {
+        const timespec pause{0, c_leaseRetryMs * 1000000L};
+        (void)nanosleep(&pause, nullptr);
+        fd.reset(open(path, openFlags));
+    }
     if (fd.get() < 0) {
         return -1;
     }
@@ -124,17 +141,22 @@ bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
-    FILE* const pFile = file.get();
+    return loadFromStream(file.get(), meta);
+}
+
+bool Signature::loadFromStream(FILE* pFile, _ZolSigMeta& meta)
+{
     const unsigned int blockEnd = getFileSize(pFile);
-    bool loaded = false;
     // In a file larger than the 32-bit positions reach, every wrapped position
     // still exists; such a file never carries a block.
-    struct stat status {};
-    const bool fits = fstat(fileno(pFile), &status) == 0 && fitsPositions(status.st_size);
-    if (fits && checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
-        loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
+    if (fseeko(pFile, 0, SEEK_END) != 0) {
+        return false;
     }
-    return loaded;
+    const off_t size = ftello(pFile);
+    if (size < 0 || !fitsPositions(size) || !checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
+        return false;
+    }
+    return loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
 }
 
 unsigned int Signature::getFileSize(FILE* pFile) const

@@ -30,6 +30,8 @@ public:
     // Finds and loads the block at the end of the file. On success the text
     // holds the L text bytes and one NUL, and `meta` is filled.
     bool loadFromFile(const std::string& path, _ZolSigMeta& meta);
+    // The same from an open stream, positioned anywhere.
+    bool loadFromStream(FILE* pFile, _ZolSigMeta& meta);
 
     [[nodiscard]] unsigned int offset() const;
 

@@ -335,10 +335,13 @@ static int usb_directory(const char *profile, char *out, size_t size)
     return profile_path(out, size, profile, KZOL_PROFILE_USB);
 }
 
+/* The 64-bit forms of stat and readdir: on a 32-bit target the plain ones
+ * fail with EOVERFLOW on a file system with 64-bit inode numbers. (This file
+ * defines fopen and fopen64 both, so it cannot take _FILE_OFFSET_BITS=64.) */
 static int is_directory(const char *path)
 {
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+    struct stat64 st;
+    return stat64(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 static int ends_with(const char *s, const char *suffix)
@@ -365,16 +368,16 @@ static int list_devices(const char *dir, struct usb_entry **entries_out, size_t 
     struct usb_entry *entries = NULL;
     size_t count = 0, capacity = 0;
     int rc = 0;
-    struct dirent *e;
-    while ((e = readdir(d)) != NULL) {
+    struct dirent64 *e;
+    while ((e = readdir64(d)) != NULL) {
         if (e->d_name[0] == '.')
             continue;
         char path[PATH_MAX];
         int n = snprintf(path, sizeof path, "%s/%s", dir, e->d_name);
         if (n < 0 || (size_t)n >= sizeof path)
             continue;
-        struct stat st;
-        if (stat(path, &st) != 0)
+        struct stat64 st;
+        if (stat64(path, &st) != 0)
             continue;
         int mounted = S_ISDIR(st.st_mode);
         if (!mounted && !(S_ISREG(st.st_mode) && ends_with(e->d_name, KZOL_PROFILE_NOMOUNT_SUFFIX)))
