@@ -23,6 +23,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "bs_context.h"
@@ -92,8 +93,14 @@ int callOnce(const std::string& mode, const std::string& path)
     if (mode == "report") {
         return SendSecurityReport("inject", "SCRIPT", path.c_str(), "injected", 3);
     }
-    BSContext context;
-    return context.verifyFile(path, "inject") == BS_SIGNATURE_CORRECT ? 1 : 0;
+    // The classes are C++: exhausted memory reaches their caller as
+    // std::bad_alloc, which a C++ caller takes as a refusal.
+    try {
+        BSContext context;
+        return context.verifyFile(path, "inject") == BS_SIGNATURE_CORRECT ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
 }
 
 struct RunResult {
