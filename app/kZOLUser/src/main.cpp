@@ -228,7 +228,7 @@ namespace {
 // real path; every message names the path and the exported verification call.
 // A failure that would escape as an exception (such as exhausted memory)
 // refuses the file: the gate fails closed, and no caller can take an exception.
-int decide(const char* fileName, const char* caller, const int* descriptor) noexcept try {
+int decide(const char* fileName, const char* caller, const int* descriptor) try {
     static const char* const c_entry = "verifyFileWihtoutKey";
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
