@@ -228,7 +228,9 @@ namespace {
 // real path; every message names the path and the exported verification call.
 // A failure that would escape as an exception (such as exhausted memory)
 // refuses the file: the gate fails closed, and no caller can take an exception.
-int decide(const char* fileName, const char* caller, const int* descriptor) noexcept try {
+// Not noexcept: the unwinding of a cancelled thread must pass through it, and
+// from a noexcept function the rethrow below would end the process instead.
+int decide(const char* fileName, const char* caller, const int* descriptor) try {
     static const char* const c_entry = "verifyFileWihtoutKey";
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
