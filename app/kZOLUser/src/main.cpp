@@ -228,7 +228,8 @@ namespace {
 // real path; every message names the path and the exported verification call.
 // A failure that would escape as an exception (such as exhausted memory)
 // refuses the file: the gate fails closed, and no caller can take an exception.
-// Not noexcept: the unwinding of a cancelled thread passes through it.
+// Not noexcept: the unwinding of a cancelled thread must pass through it, and
+// from a noexcept function the rethrow below would end the process instead.
 // `decision` (when given) learns which step decided and, when the signature
 // was checked, the result.
 int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision) try {
