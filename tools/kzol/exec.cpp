@@ -165,7 +165,10 @@ void addExecCommand(CLI::App& app, int& status)
                 "2 usage.");
     command->add_option("--caller", options->caller, "Caller name shown in messages and reports")
         ->capture_default_str();
+    // FILE and everything after it are the program's: nothing falls back to
+    // kzol's own options.
     command->prefix_command();
+    command->fallthrough(false);
     command->callback([options, command, &status] { status = runExec(*options, command->remaining()); });
 }
 
