@@ -15,7 +15,8 @@ static bool decode(const std::string& input, std::string& out)
     std::vector<char> buffer(area + 16, '\x01');
     unsigned int written = 12345;
     const bool ok = base64_decode(input.data(), static_cast<unsigned int>(input.size()), buffer.data(), &written);
-    EXPECT_TRUE(std::count(buffer.begin() + area, buffer.end(), '\x01') == 16 && written <= area) << input;
+    EXPECT_EQ(std::count(buffer.begin() + area, buffer.end(), '\x01'), 16) << input;
+    EXPECT_LE(written, area) << input;
     out.assign(buffer.data(), std::min<std::size_t>(written, area));
     return ok;
 }
@@ -45,15 +46,20 @@ TEST(Base64, KnownTextsRoundTripsAndTheDecodeResultRule)
         {"AAACAh==", std::string("\0\0\x02\x02", 4), true, false},  // low bits of the sixth dropped
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
         std::string out;
-        EXPECT_TRUE(decode(c.text, out) == c.result && out == c.bytes) << c.text;
-        EXPECT_TRUE(!c.encodes || encode(c.bytes, c.text.size()) == c.text) << c.text;
+        EXPECT_EQ(decode(c.text, out), c.result);
+        EXPECT_EQ(out, c.bytes);
+        if (c.encodes) {
+            EXPECT_EQ(encode(c.bytes, static_cast<unsigned int>(c.text.size())), c.text);
+        }
     }
     EXPECT_EQ(encode("ABCD", 7), "") << "too small: nothing at all rather than a cut encoding";
     char buffer[8];
     unsigned int written = 7;
-    EXPECT_FALSE(base64_decode(nullptr, 4, buffer, &written) || base64_decode("QQ==", 4, nullptr, &written) ||
-                 base64_decode("QQ==", 4, buffer, nullptr));
+    EXPECT_FALSE(base64_decode(nullptr, 4, buffer, &written)) << "no input";
+    EXPECT_FALSE(base64_decode("QQ==", 4, nullptr, &written)) << "no output";
+    EXPECT_FALSE(base64_decode("QQ==", 4, buffer, nullptr)) << "no length";
     EXPECT_EQ(written, 0u);
     const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     for (int c = 0; c < 256; ++c) {
@@ -67,8 +73,11 @@ TEST(Base64, KnownTextsRoundTripsAndTheDecodeResultRule)
         std::generate(raw.begin(), raw.end(), [&] { return static_cast<unsigned char>(rng()); });
         std::string back, input(raw.begin(), raw.end());
         // Padded text ends in a stop character; a multiple of three has none.
-        EXPECT_TRUE(decode(encode(input, 4 * ((n + 2) / 3)), back) == (n % 3 != 0) && back == input) << n;
-        EXPECT_TRUE(toMPIString(raw, mpi) == (n > 0) && fromMPIString(mpi, data) == (n > 0)) << n;
+        SCOPED_TRACE(n);
+        EXPECT_EQ(decode(encode(input, 4 * ((n + 2) / 3)), back), n % 3 != 0);
+        EXPECT_EQ(back, input);
+        EXPECT_EQ(toMPIString(raw, mpi), n > 0);
+        EXPECT_EQ(fromMPIString(mpi, data), n > 0);
         EXPECT_EQ(std::string(mpi.begin(), mpi.end()), n ? kzol_test::mpiText(input) + '\0' : std::string(700, 'Z'));
         EXPECT_EQ(data, raw) << n;
     }
@@ -88,10 +97,11 @@ TEST(MpiString, RefusalsAndTheirLog)
         {std::string("0x0\0\0", 5), false, {}, true},            // an embedded NUL is no digit
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.input);
         kzol_test::clearLog();
         ByteBuffer data{0xEE};
-        EXPECT_TRUE(fromMPIString(ByteBuffer(c.input.begin(), c.input.end()), data) == c.result && data == c.data &&
-                    kzol_test::loggedLines() == kzol_test::Lines(c.logged ? 1 : 0, bad))
-            << c.input;
+        EXPECT_EQ(fromMPIString(ByteBuffer(c.input.begin(), c.input.end()), data), c.result);
+        EXPECT_EQ(data, c.data);
+        EXPECT_EQ(kzol_test::loggedLines(), kzol_test::Lines(c.logged ? 1 : 0, bad));
     }
 }

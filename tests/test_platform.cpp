@@ -46,9 +46,9 @@ Walk walk()
 {
     Walk w{usb_device_init(), 0, {}, nullptr};
     w.result = usb_mass_storage_foreach([](usb_device_s* device, void* data) {
-        auto* w = static_cast<Walk*>(data);
-        const char* path = usb_device_get_mountpath(w->last = device);
-        w->devices.push_back(path ? path : "<null>");
+        auto* walked = static_cast<Walk*>(data);
+        const char* path = usb_device_get_mountpath(walked->last = device);
+        walked->devices.push_back(path ? path : "<null>");
     }, &w);
     usb_device_fini();
     return w;
@@ -90,7 +90,8 @@ TEST(UsbStandIn, VisitsTheMountsOfUsbBlockDevicesInTableOrder)
     writeFile(scratch.file("mountinfo"), mountinfo);
     EnvVar sys("KZOL_USB_SYSFS", sysfs.path()), table("KZOL_USB_MOUNTINFO", scratch.file("mountinfo"));
     const Walk usb = walk();
-    EXPECT_TRUE(usb.init == 0 && usb.result == 0);
+    EXPECT_EQ(usb.init, 0);
+    EXPECT_EQ(usb.result, 0);
     EXPECT_EQ(usb.devices, (Lines{"/media/b", "/media/my stick\\x", "/media/a"}));  // in table order
 }
 
@@ -109,7 +110,8 @@ TEST(Emulation, AnswersFromTheProfile)
         EXPECT_EQ(std::make_pair(getuid(), geteuid()), std::make_pair(uid, effective)) << file.value_or("-");
     }
     const Walk none = walk();  // no usb/
-    EXPECT_TRUE(none.init == -1 && none.result == -1);
+    EXPECT_EQ(none.init, -1);
+    EXPECT_EQ(none.result, -1);
     const std::string u = profile.file("usb/");
     for (const char* name : {"m", "b-stick", "x", "a-stick", "Z", "k", "0", "a", "c", "y", "b", ".hidden"}) {
         fs::create_directories(u + name);
@@ -121,7 +123,8 @@ TEST(Emulation, AnswersFromTheProfile)
     for (const auto& [text, result] : std::map<std::string, int>{{"", 0}, {"-5\n", -5}, {"3", 3}, {"fail", -1}}) {
         if (!text.empty()) writeFile(profile.file("usb/.foreach-result"), text);
         const Walk usb = walk();
-        EXPECT_TRUE(usb.init == 0 && usb.result == result) << text;
+        EXPECT_EQ(usb.init, 0) << text;
+        EXPECT_EQ(usb.result, result) << text;
         EXPECT_EQ(usb.devices, expected) << text;
         EXPECT_EQ(usb_device_get_mountpath(usb.last), nullptr);  // a device kept past its walk is none the service knows
     }

@@ -2,6 +2,7 @@
 // decision sequence, with its answer, the report that reached the daemon,
 // the exact log lines, and which parts of the device were looked at.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -17,6 +18,23 @@ using namespace kzol_test;
 namespace {
 
 const std::string c_script = "#!/bin/sh\necho 'from the user area'\n";
+
+class FileDescriptor {
+public:
+    explicit FileDescriptor(int fd) : m_fd(fd) {}
+    ~FileDescriptor()
+    {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    int get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
 
 std::string changed(std::string text, std::size_t at)
 {
@@ -59,28 +77,40 @@ TEST(Policy, Outcomes)
     const Files f;
     const std::string missing = f.area + "/missing.sh", viaLink = f.area + "/via-link.sh";
     ASSERT_EQ(symlink(f.unsignedOne.c_str(), viaLink.c_str()), 0);
-    const std::string valid = certificate(DeviceProfile::c_deviceId, "P60", devPrivateKey('6')),
-                      otherDevice = certificate("DUID-OTHER", "P60", devPrivateKey('6')),
-                      validChanged = changed(valid, 0), id = "vconf/db/comss/hwduid";
+    // Certificates for this device, for another, and one changed before its block.
+    const std::string valid = certificate(DeviceProfile::c_deviceId, "P60", devPrivateKey('6'));
+    const std::string otherDevice = certificate("DUID-OTHER", "P60", devPrivateKey('6'));
+    const std::string validChanged = changed(valid, 0);
+    const std::string id = "vconf/db/comss/hwduid";
     // Files of the device profile; a certificate on stick a or b ("@" in the
     // expected lines stands for the sticks' directory).
     using Set = std::pair<std::string, const char*>;
-    const Set isolated{"zone", "2 1\n"}, certA{"usb/a/RTZOLOFF.cer", valid.c_str()},
-        otherA{certA.first, otherDevice.c_str()}, certB{"usb/b/RTZOLOFF.cer", valid.c_str()},
-        otherB{certB.first, otherDevice.c_str()}, noMount{"usb/z.nomount", ""}, walkFails{"usb/.foreach-result", "-1"};
+    const Set isolated{"zone", "2 1\n"};
+    const Set certA{"usb/a/RTZOLOFF.cer", valid.c_str()};
+    const Set otherA{certA.first, otherDevice.c_str()};
+    const Set certB{"usb/b/RTZOLOFF.cer", valid.c_str()};
+    const Set otherB{certB.first, otherDevice.c_str()};
+    const Set noMount{"usb/z.nomount", ""};
+    const Set walkFails{"usb/.foreach-result", "-1"};
     const auto found = &certificateFoundLine;
     const char* const ns = "BS_NOT_SIGNED";
-    const std::string a = "@/a/RTZOLOFF.cer", b = "@/b/RTZOLOFF.cer", tv = tvTrace(), offTrace = tvTrace(1, true, ""),
-                      noIdErr = "BSContext::verifyFileWithDeviceId(): error during signature check\n",
-                      notSigned = checkLine("Not Signed", f.unsignedOne),
-                      correct = checkLine("Correct Signed", f.signedOne),
-                      yesA = checkLine("DUID Correct Signed", a), noA = checkLine("DUID Incorrect Signed", a),
-                      yesB = checkLine("DUID Correct Signed", b), noB = checkLine("DUID Incorrect Signed", b),
-                      disabled = infoLine("main.cpp", "verifyFileWihtoutKey",
-                                          "[zol][loader] : \033[1;35mDisable Script ZOL\033[0m");
+    const std::string a = "@/a/RTZOLOFF.cer";
+    const std::string b = "@/b/RTZOLOFF.cer";
+    // Traces: the full walk without a certificate, and one stick whose certificate switches the check off.
+    const std::string tv = tvTrace();
+    const std::string offTrace = tvTrace(1, true, "");
+    const std::string noIdErr = "BSContext::verifyFileWithDeviceId(): error during signature check\n";
+    const std::string notSigned = checkLine("Not Signed", f.unsignedOne);
+    const std::string correct = checkLine("Correct Signed", f.signedOne);
+    const std::string yesA = checkLine("DUID Correct Signed", a);
+    const std::string noA = checkLine("DUID Incorrect Signed", a);
+    const std::string yesB = checkLine("DUID Correct Signed", b);
+    const std::string noB = checkLine("DUID Incorrect Signed", b);
+    const std::string disabled =
+        infoLine("main.cpp", "verifyFileWihtoutKey", "[zol][loader] : \033[1;35mDisable Script ZOL\033[0m");
     const Lines noId = {found(a), c_noDeviceIdLine,
-                        errorLine("verify_context.cpp", "update", "VerifyContext::update(): data is empty"), notSigned},
-                off = {found(a), yesA, disabled};  // the certificate on a switches the check off
+                        errorLine("verify_context.cpp", "update", "VerifyContext::update(): data is empty"), notSigned};
+    const Lines off = {found(a), yesA, disabled};  // the certificate on a switches the check off
     struct Case {
         const char* name;
         std::vector<Set> device;
@@ -121,31 +151,40 @@ TEST(Policy, Outcomes)
         {"walk fails after finding it", {certA, walkFails}, 1, "", off, offTrace},
     };
     DaemonListener daemon;
+    // Each case through both entry points: the descriptor one, given the file
+    // open with its offset at the end, answers, logs and reports as the path one.
     for (const auto& c : cases) {
-        DeviceProfile device;
-        for (const auto& [file, content] : c.device) {
-            device.set(file, content);
-        }
-        clearLog();
-        StderrCapture err;
-        const std::string file = c.file.empty() ? f.unsignedOne : c.file;
-        EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), c.caller), c.answer) << c.name;
-        Lines log = c.log;
-        for (auto& line : log) {
-            for (auto at = line.find('@'); at != std::string::npos; at = line.find('@')) {
-                line.replace(at, 1, device.path() + "/usb");
+        for (const bool byDescriptor : {false, true}) {
+            SCOPED_TRACE(std::string(c.name) + (byDescriptor ? ", by descriptor" : ", by path"));
+            DeviceProfile device;
+            for (const auto& [file, content] : c.device) {
+                device.set(file, content);
             }
+            const std::string file = c.file.empty() ? f.unsignedOne : c.file;
+            const FileDescriptor fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+            const off_t end = fd.get() >= 0 ? lseek(fd.get(), 0, SEEK_END) : -1;
+            clearLog();
+            StderrCapture err;
+            EXPECT_EQ(byDescriptor ? verifyFileDescriptor(fd.get(), file.c_str(), c.caller)
+                                   : verifyFileWihtoutKey(file.c_str(), c.caller),
+                      c.answer);
+            EXPECT_EQ(fd.get() >= 0 ? lseek(fd.get(), 0, SEEK_CUR) : -1, end);  // the caller's offset stays
+            Lines log = c.log;
+            for (auto& line : log) {
+                for (auto at = line.find('@'); at != std::string::npos; at = line.find('@')) {
+                    line.replace(at, 1, device.path() + "/usb");
+                }
+            }
+            EXPECT_EQ(loggedLines(), log);
+            EXPECT_EQ(device.takeTrace(), c.trace);
+            const std::string caller = c.caller ? c.caller : "NULL",
+                              path = c.result.empty() ? "" : std::filesystem::canonical(file).string(),
+                              description = "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"";
+            EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
+                                                       : Lines{frame(reportText(1, caller, "SCRIPT",
+                                                                                description + c.result + "\",", path))});
+            EXPECT_EQ(err.finish(), c.err);
         }
-        EXPECT_EQ(loggedLines(), log) << c.name;
-        EXPECT_EQ(device.takeTrace(), c.trace) << c.name;
-        const std::string caller = c.caller ? c.caller : "NULL",
-                          path = c.result.empty() ? "" : std::filesystem::canonical(file).string(),
-                          description = "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"";
-        EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
-                                                   : Lines{frame(reportText(1, caller, "SCRIPT",
-                                                                            description + c.result + "\",", path))})
-            << c.name;
-        EXPECT_EQ(err.finish(), c.err) << c.name;
     }
     daemon.stop();
     const DeviceProfile device;
@@ -154,6 +193,45 @@ TEST(Policy, Outcomes)
     const std::string failed = errorLine("main.cpp", "verifyFileWihtoutKey",
                                          "[zol][loader]! : \033[1;31mSendRequest Notification Error\033[0m");
     EXPECT_EQ(loggedLines(), (Lines{notSigned, c_noDaemonLines[0], c_noDaemonLines[1], failed}));
+}
+
+// The descriptor entry point decides on the bytes it can read from the
+// descriptor, whatever the path holds by then; the path names the file.
+TEST(Policy, DescriptorContentDecides)
+{
+    const Files f;
+    const std::string good = readFile(f.signedOne), target = f.area + "/target.sh";
+    struct Case {
+        const char* name;
+        std::string opened, later;  // what the descriptor was opened on; what the path holds afterwards
+        int flags;
+        int answer;
+        std::string result;  // reported; empty: no report
+    };
+    const std::vector<Case> cases = {
+        {"signed when opened, unsigned by the check", good, c_script, O_RDONLY, 1, ""},
+        {"unsigned when opened, signed by the check", c_script, good, O_RDONLY, 0, "BS_NOT_SIGNED"},
+        {"descriptor not open for reading", good, good, O_WRONLY, 0, "BS_NOT_SIGNED"},
+    };
+    const DeviceProfile device;
+    DaemonListener daemon;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        writeFile(target, c.opened);
+        const FileDescriptor fd(open(target.c_str(), c.flags | O_CLOEXEC));
+        ASSERT_GE(fd.get(), 0);
+        writeFile(target + ".new", c.later);
+        ASSERT_EQ(rename((target + ".new").c_str(), target.c_str()), 0);
+        clearLog();
+        EXPECT_EQ(verifyFileDescriptor(fd.get(), target.c_str(), "loader"), c.answer);
+        const Lines log = loggedLines();
+        ASSERT_FALSE(log.empty());
+        EXPECT_EQ(log.back(), checkLine(c.answer == 1 ? "Correct Signed" : "Not Signed", target));
+        const std::string description = "ver:\"1\",subject:\"" + target + "\",object:\"loader\",result:\"";
+        EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
+                                                   : Lines{frame(reportText(1, "loader", "SCRIPT",
+                                                                            description + c.result + "\",", target))});
+    }
 }
 
 // Threads at once through the certificate step (with a certificate for

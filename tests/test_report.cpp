@@ -39,7 +39,8 @@ static std::string kindLine(const std::string& caller, const std::string& kind)
 TEST(Report, RefusalsNameTheResultAndTheMoment)
 {
     const std::string caller17 = "abcdefghijklmnopq", longPath = "/nonexistent/" + std::string(300, 'p');
-    struct Case { int h, m, s, micro; const char* sequence; int result; std::string name, subject; const char* object; };
+    struct Case { int h, m, s, micro; const char* sequence; int result; std::string name, subject; const char* object;
+                  long long day = 20000; };  // days since 1970: 20000 is in 2024
     const std::vector<Case> cases = {
         {9, 30, 15, 5, "0930155", 0, "BS_ERROR", "", ""},
         {23, 59, 59, 999999, "235959999999", 2, "BS_INVALID_FILE_TYPE", "s", "o"},
@@ -47,10 +48,16 @@ TEST(Report, RefusalsNameTheResultAndTheMoment)
         {1, 2, 3, 4, "0102034", 5, "", "a\"b,c", "x\""},
         {1, 2, 3, 4, "0102034", 3, "", "s", "o"},
         {1, 2, 3, 4, "0102034", 1, "", "s", nullptr},  // the clock as it was
+        // A 32-bit time_t ends at 2^31 s (2038-01-19 03:14:08) and wraps at 2^32 s (2106-02-07 06:28:16).
+        {3, 14, 7, 999999, "031407999999", 0, "BS_ERROR", "s", "o", 24855},
+        {3, 14, 8, 1, "0314081", 0, "BS_ERROR", "s", "o", 24855},
+        {6, 28, 16, 2, "0628162", 0, "BS_ERROR", "s", "o", 49710},
     };
     DaemonListener daemon;
     for (const auto& c : cases) {
-        g_reportTime = {20000 * 86400L + c.h * 3600 + c.m * 60 + c.s, c.micro * 1000L + 999};  // nanoseconds are dropped
+        SCOPED_TRACE(std::string(c.sequence) + " on day " + std::to_string(c.day));
+        g_reportTime = {static_cast<time_t>(c.day * 86400 + c.h * 3600 + c.m * 60 + c.s),
+                        c.micro * 1000L + 999};  // nanoseconds are dropped
         const std::string object = c.object != nullptr ? c.object : "";
         EXPECT_TRUE(BSContext().SendRequestNotification(c.subject, c.object, static_cast<Result>(c.result)));
         const std::string description =

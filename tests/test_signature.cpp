@@ -41,7 +41,11 @@ TEST(SignatureLoad, CraftedFiles)
         std::string meta;     // type and selector
         Lines log;
         off_t grow = 0;  // bytes added after the file (sparse)
+        off_t lead = 0;  // a hole before the file; `offset` counts it
     };
+    // Where 32-bit positions end: a block whose end is the last position that
+    // fits, and one whose file is a byte too long for them.
+    const off_t lastFit = (off_t(1) << 32) - 1 - static_cast<off_t>(block().size());
     const std::vector<Case> cases = {
         {"long text, CRLF", block("P50", "", "\r\n", c_content, "0x" + std::string(512, 'f')), n, "P5", {}},
         {"no trailing blanks", block(), n, "P5", {}},
@@ -71,26 +75,36 @@ TEST(SignatureLoad, CraftedFiles)
         {"empty file", "", 0, "", {c_freadError}},
         // With wrapped positions its size would point at the block's end.
         {"4 GiB after a block", block(), 0, "", {c_freadError}, off_t(1) << 32},
+        // Beyond a signed 32-bit position, and up to the end of an unsigned one.
+        {"length field of 2^31", block("P50", lengthField(0x80000000U)), 0, "", {}},
+        {"length field of 2^32 - 1", block("P50", lengthField(0xFFFFFFFFU)), 0, "", {}},
+        {"block after a 2 GiB hole", block(), (1U << 31) + n, "P5", {}, 0, off_t(1) << 31},
+        {"block ending at 4 GiB - 1", block(), static_cast<unsigned int>(lastFit) + n, "P5", {}, 0, lastFit},
+        {"block ending at 4 GiB", block(), 0, "", {c_freadError}, 0, lastFit + 1},
     };
     const TempDir dir;
     const std::string path = dir.file("f");
     Signature signature;
     _ZolSigMeta meta{};
     for (const auto& c : cases) {
-        writeFile(path, c.file);
-        ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(c.file.size()) + c.grow), 0);
+        writeFile(path, "");
+        ASSERT_EQ(truncate(path.c_str(), c.lead), 0);
+        appendFile(path, c.file);
+        ASSERT_EQ(truncate(path.c_str(), c.lead + static_cast<off_t>(c.file.size()) + c.grow), 0);
         clearLog();
         EXPECT_EQ(signature.loadFromFile(path, meta), c.offset != 0) << c.name;
         EXPECT_EQ(loggedLines(), c.log) << c.name;
         if (c.offset != 0) {
             // The text as loaded: the bytes from the offset to the length field, and one NUL. Composed
             // again, it is followed by its length field and the footprint.
-            const std::string text = c.file.substr(c.offset, c.file.rfind(":ZOL") - 8 - c.offset);
+            const std::size_t at = c.offset - static_cast<std::size_t>(c.lead);
+            const std::string text = c.file.substr(at, c.file.rfind(":ZOL") - 8 - at);
             ByteBuffer tail{1, 2, 3};
             signature.composeSignature(tail);
             Signature assigned;
             assigned = Signature(signature);  // a copy, assigned: the same text and offset
-            EXPECT_TRUE(assigned.offset() == c.offset && assigned == signature) << c.name;
+            EXPECT_EQ(assigned.offset(), c.offset) << c.name;
+            EXPECT_EQ(assigned, signature) << c.name;
             EXPECT_EQ(signature.offset(), c.offset) << c.name;
             EXPECT_EQ(std::string({meta.sigType, meta.keyId}), c.meta) << c.name;
             EXPECT_EQ(std::string(signature.begin(), signature.end()), text + '\0') << c.name;

@@ -1,17 +1,17 @@
 #include "bs_context.h"
 
-#include <json/json.h>
-
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
+#include <limits>
+#include <memory>
+#include <new>
 #include <string_view>
 
-#include "UnixSocket.h"
 #include "handles.h"
 #include "log.h"
 #include "public_keys.h"
@@ -21,94 +21,98 @@ namespace {
 
 constexpr unsigned int c_readChunk = 16384;
 
-// Report message keys and fixed values.
-const char c_taskTagTaskName[] = "TaskName";
-const char c_taskUserBlockMsg[] = "UserBlockMsg";
-const char c_taskTagState[] = "State";
-const char c_taskStateShowNoti[] = "ShowNoti";
-const char c_taskReportFileSend[] = "Action/FileSend";
-const char c_taskTagReportSeq[] = "Report/ReportSeq";
-const char c_taskTagCaller[] = "Report/Caller";
-const char c_taskTagFileType[] = "Report/FileType";
-const char c_taskTagDescription[] = "Report/Decription";
-const char c_taskTagPath[] = "Report/Path";
-const char c_daemonNameUserMsg[] = "SfDaemon/UserMsg";
-
-const char c_fileTypeScript[] = "SCRIPT";
-
 // User-writable areas, then the directories below them that are not; both are
 // matched as plain prefixes, the second against the rest after the area.
 constexpr std::string_view c_userAreas[] = {"/opt", "/tmp"};
 constexpr std::string_view c_excludedDirectories[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
 
-// Longest value of each text member, in bytes.
-constexpr std::size_t c_callerLimit = 16;
-constexpr std::size_t c_fileTypeLimit = 16;
-constexpr std::size_t c_descriptionLimit = 1024;
-constexpr std::size_t c_pathLimit = 256;
+// A read-only stream over an open descriptor that reads with pread at its
+// own position: the descriptor's file offset is neither used nor moved, so
+// the caller's offset does not matter and the caller keeps its descriptor.
+struct DescriptorCursor {
+    int fd;
+    off64_t position;
+};
 
-// The first `limit` bytes of a text; an absent text is empty.
-std::string capped(const char* text, std::size_t limit)
+ssize_t readAt(void* cookie, char* buffer, std::size_t size)
 {
-    return text == nullptr ? std::string() : std::string(text, strnlen(text, limit));
+    auto* cursor = static_cast<DescriptorCursor*>(cookie);
+    ssize_t got = 0;
+    do {
+        got = pread(cursor->fd, buffer, size, cursor->position);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) {
+        cursor->position += got;
+    }
+    return got;
 }
 
-// Time of day in UTC with microseconds, HHMMSS then the microseconds without
-// leading zeros: the report sequence.
-char* GetUsSysTime(char* buffer, int size)
+int seekTo(void* cookie, off64_t* offset, int whence)
 {
-    if (buffer == nullptr || size <= 0) {
-        return buffer;
+    auto* cursor = static_cast<DescriptorCursor*>(cookie);
+    off64_t base = 0;
+    if (whence == SEEK_CUR) {
+        base = cursor->position;
+    } else if (whence == SEEK_END) {
+        struct stat status {};
+        if (fstat(cursor->fd, &status) != 0) {
+            return -1;
+        }
+        base = status.st_size;
+    } else if (whence != SEEK_SET) {
+        errno = EINVAL;
+        return -1;
     }
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    tm utc{};
-    gmtime_r(&now.tv_sec, &utc);
-    char text[48];
-    const int length = std::snprintf(text, sizeof(text), "%02d%02d%02d%ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
-                                     static_cast<long>(now.tv_nsec / 1000));
-    const std::size_t kept = std::min<std::size_t>(length > 0 ? static_cast<std::size_t>(length) : 0,
-                                                   static_cast<std::size_t>(size - 1));
-    std::memcpy(buffer, text, kept);
-    buffer[kept] = '\0';
-    buffer[size - 1] = '\0';
-    return buffer;
+    if (*offset < 0 && base < -*offset) {
+        errno = EINVAL;
+        return -1;
+    }
+    cursor->position = base + *offset;
+    *offset = cursor->position;
+    return 0;
 }
 
-// The members that every report carries, with the moment it is built.
-void fillCommon(Json::Value& message, int kind)
+int releaseCursor(void* cookie)
 {
-    message[c_taskTagTaskName] = c_taskUserBlockMsg;
-    message[c_taskTagState] = c_taskStateShowNoti;
-    message[c_taskReportFileSend] = kind;
-    char sequence[20] = {};
-    message[c_taskTagReportSeq] = GetUsSysTime(sequence, sizeof(sequence));
+    delete static_cast<DescriptorCursor*>(cookie);  // NOLINT(cppcoreguidelines-owning-memory): the stream owns its cursor
+    return 0;
 }
 
-bool connectToDaemon(UnixSocket& socket, const char* function)
+// Null when no stream can be made (memory); the descriptor stays the caller's.
+FilePtr openDescriptor(int fd)
 {
-    if (socket.ConnectToHost(c_daemonNameUserMsg) != 0) {
-        KZOL_LOGE_IN(function, "Failed to connect to vexmd;");
-        socket.Disconnect();
-        return false;
+    std::unique_ptr<DescriptorCursor> cursor(new (std::nothrow) DescriptorCursor{fd, 0});
+    if (!cursor) {
+        return {};
     }
-    return true;
+    const cookie_io_functions_t functions{readAt, nullptr, seekTo, releaseCursor};
+    FilePtr stream(fopencookie(cursor.get(), "rb", functions));
+    if (stream) {
+        (void)cursor.release();  // released by the stream's close
+    }
+    return stream;
 }
 
-// Sends one message and closes the connection. A lost message is logged but
-// only a failed close makes the answer false.
-bool deliver(UnixSocket& socket, const Json::Value& message, const char* function)
+void logNotSigned(const char* caller, const std::string& path)
 {
-    const Json::StreamWriterBuilder builder;
-    const std::string text = Json::writeString(builder, message);
-    if (!socket.SendString(text)) {
-        KZOL_LOGE_IN(function, "Failed to send request [%s];", text.c_str());
+    KZOL_LOGE_IN("verifyFile", "[zol][%s]! : \033[1;31mNot Signed [ file_path : %s ]\033[0m", caller, path.c_str());
+}
+
+// The outcome of a check that `done` (or could not be carried out), logged.
+Result verdict(bool done, bool isVerified, const std::string& path, const char* caller)
+{
+    if (!done) {
+        log("[zol][%s] : error during signature check [ file_path : %s ]", caller, path.c_str());
+        return BS_ERROR;
     }
-    if (socket.IsConnected() && socket.Disconnect() != 0) {
-        KZOL_LOGE_IN(function, "Failed to disconnect;");
-        return false;
+    if (isVerified) {
+        KZOL_LOGI_IN("verifyFile", "[zol][%s] : \033[1;32mCorrect Signed [ file_path : %s ]\033[0m", caller,
+                     path.c_str());
+        return BS_SIGNATURE_CORRECT;
     }
-    return true;
+    KZOL_LOGE_IN("verifyFile", "[zol][%s]! : \033[1;31mIncorrect Signed [ file_path : %s ]\033[0m", caller,
+                 path.c_str());
+    return BS_SIGNATURE_INCORRECT;
 }
 
 }  // namespace
@@ -118,7 +122,7 @@ Result BSContext::verifyFile(const std::string& path, const char* caller)
     Signature signature;
     _ZolSigMeta meta{};
     if (!signature.loadFromFile(path, meta)) {
-        KZOL_LOGE("[zol][%s]! : \033[1;31mNot Signed [ file_path : %s ]\033[0m", caller, path.c_str());
+        logNotSigned(caller, path);
         return BS_NOT_SIGNED;
     }
     std::string key;
@@ -128,20 +132,30 @@ Result BSContext::verifyFile(const std::string& path, const char* caller)
     return verifyFile(path, signature, key, caller);
 }
 
+Result BSContext::verifyFile(int fd, const std::string& path, const char* caller)
+{
+    const FilePtr stream = openDescriptor(fd);
+    Signature signature;
+    _ZolSigMeta meta{};
+    if (!stream || !signature.loadFromStream(stream.get(), meta)) {
+        logNotSigned(caller, path);
+        return BS_NOT_SIGNED;
+    }
+    std::string key;
+    if (!SelectPubKey(meta.sigType, meta.keyId, key)) {
+        return BS_ERROR;
+    }
+    bool isVerified = false;
+    const bool done = verify(stream.get(), signature, key, isVerified);
+    return verdict(done, isVerified, path, caller);
+}
+
 Result BSContext::verifyFile(const std::string& path, const Signature& signature, const std::string& key,
                              const char* caller)
 {
     bool isVerified = false;
-    if (!verify(path, signature, key, isVerified)) {
-        log("[zol][%s] : error during signature check [ file_path : %s ]", caller, path.c_str());
-        return BS_ERROR;
-    }
-    if (isVerified) {
-        KZOL_LOGI("[zol][%s] : \033[1;32mCorrect Signed [ file_path : %s ]\033[0m", caller, path.c_str());
-        return BS_SIGNATURE_CORRECT;
-    }
-    KZOL_LOGE("[zol][%s]! : \033[1;31mIncorrect Signed [ file_path : %s ]\033[0m", caller, path.c_str());
-    return BS_SIGNATURE_INCORRECT;
+    const bool done = verify(path, signature, key, isVerified);
+    return verdict(done, isVerified, path, caller);
 }
 
 bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key,
@@ -217,7 +231,14 @@ long BSContext::getFileSize(FILE* pFile)
         return 0;
     }
     fseeko(pFile, 0, SEEK_END);
-    return static_cast<long>(ftello(pFile));
+    const off_t size = ftello(pFile);
+    // Where long is 32 bits, a size from 2 GiB on does not fit: -1 with
+    // EOVERFLOW, as ftell answers, rather than a wrapped size.
+    if (size > static_cast<off_t>(std::numeric_limits<long>::max())) {
+        errno = EOVERFLOW;
+        return -1;
+    }
+    return static_cast<long>(size);
 }
 
 int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const
@@ -290,64 +311,4 @@ Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std:
     }
     KZOL_LOGE("[zol][%s]! : \033[1;31mDUID Incorrect Signed [ file_path : %s ]\033[0m", caller, fileName.c_str());
     return BS_SIGNATURE_INCORRECT;
-}
-
-std::string BSContext::ComposeDescription(const char* subject, const char* object, Result result) const
-{
-    const char* name = "";
-    switch (static_cast<std::int32_t>(result)) {
-    case BS_ERROR: name = "BS_ERROR"; break;
-    case BS_INVALID_FILE_TYPE: name = "BS_INVALID_FILE_TYPE"; break;
-    case BS_NOT_SIGNED: name = "BS_NOT_SIGNED"; break;
-    case BS_SIGNATURE_INCORRECT: name = "BS_SIGNATURE_INCORRECT"; break;
-    default: break;  // 5 and every other value have no name
-    }
-    std::string description;
-    description.reserve(64 + (subject != nullptr ? std::strlen(subject) : 0) +
-                        (object != nullptr ? std::strlen(object) : 0));
-    description += "ver:\"";
-    description += "1\",";
-    description += "subject:\"";
-    description += subject != nullptr ? subject : "";
-    description += "\",";
-    description += "object:\"";
-    description += object != nullptr ? object : "";
-    description += "\",";
-    description += "result:\"";
-    description += name;
-    description += "\",";
-    return description;
-}
-
-bool BSContext::SendRequestNotification(const std::string& path, const char* caller, Result result) const
-{
-    UnixSocket socket;
-    if (!connectToDaemon(socket, __func__)) {
-        return false;
-    }
-    Json::Value message;
-    fillCommon(message, 1);
-    message[c_taskTagFileType] = c_fileTypeScript;
-    message[c_taskTagDescription] = ComposeDescription(path.c_str(), caller, result);
-    message[c_taskTagCaller] = capped(caller, c_callerLimit);
-    message[c_taskTagPath] = capped(path.c_str(), c_pathLimit);
-    return deliver(socket, message, __func__);
-}
-
-bool BSContext::SendRequestNotification(const char* caller, const char* fileType, const char* path,
-                                        const char* description, int kind) const
-{
-    UnixSocket socket;
-    if (!connectToDaemon(socket, __func__)) {
-        return false;
-    }
-    Json::Value message;
-    fillCommon(message, kind);
-    message[c_taskTagCaller] = capped(caller, c_callerLimit);
-    message[c_taskTagFileType] = capped(fileType, c_fileTypeLimit);
-    message[c_taskTagDescription] = capped(description, c_descriptionLimit);
-    char resolved[4097] = {};
-    const bool isResolved = path != nullptr && realpath(path, resolved) != nullptr;
-    message[c_taskTagPath] = capped(isResolved ? resolved : path, c_pathLimit);
-    return deliver(socket, message, __func__);
 }

@@ -1,7 +1,8 @@
 // BSContext: the verification driver (signature block, key selection, hashing
-// of the signed region), the report composition and sending, and the policy's
-// area test and device-bound verification. It holds no data: one is built on
-// the stack for each call.
+// of the signed region), the policy's area test and device-bound verification
+// (bs_context.cpp), and the report composition and sending
+// (bs_context_report.cpp). It holds no data: one is built on the stack for
+// each call.
 #pragma once
 
 #include <cstdint>
@@ -23,11 +24,28 @@ enum Result : std::int32_t {
     BS_SIGNATURE_INCORRECT = 6,
 };
 
+// The name of a result ("BS_NOT_SIGNED"), or null for a value that is none.
+inline const char* resultName(Result result)
+{
+    switch (static_cast<std::int32_t>(result)) {
+    case BS_ERROR: return "BS_ERROR";
+    case BS_INVALID_FILE_TYPE: return "BS_INVALID_FILE_TYPE";
+    case BS_NOT_SIGNED: return "BS_NOT_SIGNED";
+    case BS_SIGNATURE_CORRECT: return "BS_SIGNATURE_CORRECT";
+    case BS_SIGNATURE_INCORRECT: return "BS_SIGNATURE_INCORRECT";
+    default: return nullptr;
+    }
+}
+
 class BSContext {
 public:
     // Loads the block of `path`, selects the built-in key it names and checks
     // the signature over the signed region: 0, 4, 5 or 6.
     Result verifyFile(const std::string& path, const char* caller);
+    // The same for the file open on `fd`: its bytes are read from the
+    // descriptor (at positions of their own, whatever its offset), `path`
+    // names it in the messages. The descriptor stays open.
+    Result verifyFile(int fd, const std::string& path, const char* caller);
     // The check itself, with a loaded block and the key text: 0, 5 or 6.
     Result verifyFile(const std::string& path, const Signature& signature, const std::string& key,
                       const char* caller);
@@ -44,7 +62,8 @@ public:
     // Type 'P' with selector '5' or '6' selects a built-in public key.
     bool SelectPubKey(char sigType, char keyId, std::string& key);
 
-    // Size of the open file in bytes (the file is left at its end); 0 for null.
+    // Size of the open file in bytes (the file is left at its end); 0 for null;
+    // -1 (errno EOVERFLOW) for a size that long cannot hold, as ftell.
     long getFileSize(FILE* pFile);
 
     // Resolves `path` into `resolved` (room for PATH_MAX bytes) and answers 0

@@ -32,12 +32,17 @@ constexpr const char* baseName(const char* path)
 // NOLINTBEGIN(cppcoreguidelines-macro-usage)
 #define KZOL_LOG_TAG "kzoluser"
 
-// The source file's base name, worked out at compile time.
+// The source file's base name, worked out at compile time; a class that
+// spans files names its unit by defining KZOL_LOG_UNIT before any include.
+#ifdef KZOL_LOG_UNIT
+#define KZOL_FILE_NAME KZOL_LOG_UNIT
+#else
 #define KZOL_FILE_NAME                                                  \
     ([]() {                                                             \
         constexpr const char* kzolBase = ::kzol_log::baseName(__FILE__); \
         return kzolBase;                                                \
     }())
+#endif
 
 // `function` is the name shown in the prefix: __func__, or the operation on
 // whose behalf a helper logs.

@@ -11,16 +11,18 @@
 #include <ctime>
 #include <limits>
 
+#include "block_layout.h"
 #include "handles.h"
 #include "log.h"
 
 namespace {
 
-constexpr unsigned char c_footprint[4] = {':', 'Z', 'O', 'L'};
-constexpr unsigned int c_lengthFieldSize = 8;
-constexpr unsigned int c_tailSize = c_lengthFieldSize + sizeof(c_footprint);
-constexpr unsigned int c_blankWindow = 8;
-constexpr unsigned int c_metaFieldSize = 3;
+using block_layout::c_blankWindow;
+using block_layout::c_footprint;
+using block_layout::c_footprintSize;
+using block_layout::c_lengthFieldSize;
+using block_layout::c_metaFieldSize;
+using block_layout::c_tailSize;
 // How long a file under a lease is waited for: beyond the kernel's default
 // lease-break time of 45 s, after which the file counts as unreadable.
 constexpr int c_leaseWaitMs = 60000;
@@ -29,11 +31,6 @@ constexpr int c_leaseRetryMs = 10;
 inline bool fitsPositions(off_t size)
 {
     return static_cast<std::uint64_t>(size) <= std::numeric_limits<std::uint32_t>::max();
-}
-
-inline bool isTrailingBlank(unsigned char c)
-{
-    return c == '\n' || c == ' ' || c == '\r';
 }
 
 bool isReadOnlyMode(const char* mode)
@@ -144,17 +141,22 @@ bool Signature::loadFromFile(const std::string& path, _ZolSigMeta& meta)
         KZOL_LOGE("Signature::loadFromFile(): failed to open [%s] for reading", path.c_str());
         return false;
     }
-    FILE* const pFile = file.get();
+    return loadFromStream(file.get(), meta);
+}
+
+bool Signature::loadFromStream(FILE* pFile, _ZolSigMeta& meta)
+{
     const unsigned int blockEnd = getFileSize(pFile);
-    bool loaded = false;
     // In a file larger than the 32-bit positions reach, every wrapped position
     // still exists; such a file never carries a block.
-    struct stat status {};
-    const bool fits = fstat(fileno(pFile), &status) == 0 && fitsPositions(status.st_size);
-    if (fits && checkSignatureFootprint(pFile, blockEnd - sizeof(c_footprint))) {
-        loaded = loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
+    if (fseeko(pFile, 0, SEEK_END) != 0) {
+        return false;
     }
-    return loaded;
+    const off_t size = ftello(pFile);
+    if (size < 0 || !fitsPositions(size) || !checkSignatureFootprint(pFile, blockEnd - c_footprintSize)) {
+        return false;
+    }
+    return loadSignatureContent(pFile, blockEnd - c_tailSize, meta);
 }
 
 unsigned int Signature::getFileSize(FILE* pFile) const
@@ -184,7 +186,7 @@ unsigned int Signature::getFileSize(FILE* pFile) const
     }
     unsigned int blanks = 0;
     for (unsigned char c : last) {
-        if (isTrailingBlank(c)) {
+        if (block_layout::isTrailingBlank(c)) {
             ++blanks;
         }
     }
@@ -193,9 +195,9 @@ unsigned int Signature::getFileSize(FILE* pFile) const
 
 bool Signature::checkSignatureFootprint(FILE* pFile, unsigned int position) const
 {
-    unsigned char bytes[sizeof(c_footprint)];
+    unsigned char bytes[c_footprintSize];
     return readFromFile(pFile, position, bytes, sizeof(bytes)) &&
-           std::memcmp(bytes, c_footprint, sizeof(c_footprint)) == 0;
+           std::memcmp(bytes, c_footprint, c_footprintSize) == 0;
 }
 
 bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSigMeta& meta)
@@ -204,15 +206,10 @@ bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSig
     if (!readFromFile(pFile, position, field, sizeof(field))) {
         return false;
     }
-    char decoded[6];  // up to 3 bytes for every 4 characters
-    unsigned int decodedLength = 0;
-    if (!base64_decode(field, sizeof(field), decoded, &decodedLength) || decodedLength != 4) {
+    unsigned int textLength = 0;
+    if (!block_layout::decodeLengthField(field, textLength)) {
         return false;
     }
-    const auto* be = reinterpret_cast<const unsigned char*>(decoded);
-    const unsigned int textLength = (static_cast<unsigned int>(be[0]) << 24) |
-                                    (static_cast<unsigned int>(be[1]) << 16) |
-                                    (static_cast<unsigned int>(be[2]) << 8) | be[3];
     if (position <= textLength) {
         return false;
     }
@@ -240,7 +237,7 @@ bool Signature::getSignatureInfo(FILE* pFile, unsigned int position, _ZolSigMeta
         return false;
     }
     const char type = static_cast<char>(field[0]);
-    if (type != 'L' && type != 'P') {
+    if (!block_layout::isSignatureType(type)) {
         KZOL_LOGE("Signature::%s(): file to read file signature type[%c]", "getSignatureInfo", type);
         return false;
     }
@@ -270,11 +267,8 @@ void Signature::composeSignature(ByteBuffer& out) const
     const auto textLength = static_cast<unsigned int>(size() - 1);
     out.reserve(textLength + c_tailSize);
     out.assign(begin(), begin() + textLength);
-    const unsigned char be[4] = {
-        static_cast<unsigned char>(textLength >> 24), static_cast<unsigned char>(textLength >> 16),
-        static_cast<unsigned char>(textLength >> 8), static_cast<unsigned char>(textLength)};
     char field[c_lengthFieldSize];
-    base64_encode(reinterpret_cast<const char*>(be), sizeof(be), field, sizeof(field));
+    block_layout::encodeLengthField(textLength, field);
     out.insert(out.end(), field, field + sizeof(field));
-    out.insert(out.end(), c_footprint, c_footprint + sizeof(c_footprint));
+    out.insert(out.end(), c_footprint, c_footprint + c_footprintSize);
 }

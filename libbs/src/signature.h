@@ -1,14 +1,12 @@
-// The signature block appended to a signed file, read from the end:
-//
-//   content | meta(3) | text(L) | length field(8, base64 of L big-endian) | ":ZOL" | blanks(0..8)
-//
-// `offset()` is the position of the text, which is also the length of the
-// signed region (content and metadata).
+// The signature block appended to a signed file, read from the end; its
+// layout is in block_layout.h. `offset()` is the position of the text, which
+// is also the length of the signed region (content and metadata).
 #pragma once
 
 #include <cstdio>
 #include <string>
 
+#include "block_layout.h"
 #include "string_utils.h"
 
 // The two metadata characters of a block: signature type ('L' or 'P') and key
@@ -18,9 +16,6 @@ struct _ZolSigMeta {  // NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-d
     char sigType;
     char keyId;
 };
-
-// The value that writers put in the third metadata byte. Readers ignore it.
-constexpr unsigned char c_zolMetaReserved = '0';
 
 class Signature : public ByteBuffer {
 public:
@@ -35,6 +30,8 @@ public:
     // Finds and loads the block at the end of the file. On success the text
     // holds the L text bytes and one NUL, and `meta` is filled.
     bool loadFromFile(const std::string& path, _ZolSigMeta& meta);
+    // The same from an open stream, positioned anywhere.
+    bool loadFromStream(FILE* pFile, _ZolSigMeta& meta);
 
     [[nodiscard]] unsigned int offset() const;
 

@@ -42,15 +42,15 @@ bool VerifyContext::loadKey(const std::string& key)
         written = BIO_write(bio.get(), key.data(), static_cast<int>(key.size()));
     }
 
-    // On success PEM_read_bio_PUBKEY stores the key it read in `key` and
+    // On success PEM_read_bio_PUBKEY stores the key it read in `held` and
     // disposes of the object that was there (or makes one when there was
-    // none); on failure it leaves `key` as it was. Either way m_pKey takes
+    // none); on failure it leaves `held` as it was. Either way m_pKey takes
     // back the only handle to release.
     bool read = false;
     if (bio && written >= 0) {
-        EVP_PKEY* key = m_pKey.release();
-        read = PEM_read_bio_PUBKEY(bio.get(), &key, nullptr, nullptr) != nullptr;
-        m_pKey.reset(key);
+        EVP_PKEY* held = m_pKey.release();
+        read = PEM_read_bio_PUBKEY(bio.get(), &held, nullptr, nullptr) != nullptr;
+        m_pKey.reset(held);
     }
     if (!read || EVP_PKEY_type(EVP_PKEY_id(m_pKey.get())) != EVP_PKEY_RSA) {
         KZOL_LOGE("VerifyContext::loadKey(): failed to load public key");

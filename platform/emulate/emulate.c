@@ -3,32 +3,10 @@
  * Preload this library (LD_PRELOAD, as `kzol emulate` does) or link it ahead
  * of the platform libraries. It answers, from a device profile directory named
  * by the environment variable KZOL_PROFILE (an absolute path), the accesses by
- * which the library probes its device:
- *
- *   PROFILE/modules              fopen("/proc/modules") opens this file
- *                                (a line starting "micom " makes a television)
- *   PROFILE/zone                 fopen("/proc/self/zone") opens this file
- *                                ("LEVEL TYPE"; type 1 = isolated container)
- *   PROFILE/uid                  getuid()/geteuid(): "RUID EUID", or one number
- *                                for both; without it the real IDs
- *   PROFILE/vconf/KEY            vconf_get_str(KEY), the key's slashes being
- *                                directories (vconf/db/comss/hwduid holds the
- *                                device identifier); one trailing newline is
- *                                not part of the value
- *   PROFILE/usb/                 the USB service; without this directory
- *                                usb_device_init() fails (-1)
- *   PROFILE/usb/NAME/            an attached stick mounted at this directory
- *                                (its absolute path is the mount path)
- *   PROFILE/usb/NAME.nomount     an attached device without a mount path
- *                                (usb_device_get_mountpath() answers NULL)
- *   PROFILE/usb/.foreach-result  a number that usb_mass_storage_foreach()
- *                                answers after visiting the devices (0 when
- *                                absent, -1 when it holds no number)
- *
- * The devices of usb/ are visited in byte order of their names; entries whose
- * names start with '.' and other files are not devices. A missing modules or
- * zone file makes fopen fail with ENOENT, as on a machine without it; a uid
- * file that holds no valid ID counts as absent.
+ * which the library probes its device. The layout of the profile is described
+ * in profile_layout.h. A missing modules or zone file makes fopen fail with
+ * ENOENT, as on a machine without it; a uid file that holds no valid ID counts
+ * as absent; a .foreach-result that holds no number makes the walk answer -1.
  *
  * The profile is read afresh on every call, so a test may change it between
  * calls. Every other path of fopen, and every call while KZOL_PROFILE is unset,
@@ -65,6 +43,7 @@
 #include <vconf.h>
 
 #include "../host/value_store.h"
+#include "profile_layout.h"
 
 #define EXPORT __attribute__((visibility("default")))
 
@@ -216,7 +195,7 @@ static int only_blanks(const char *s)
 static int profile_uid(const char *profile, int which, uid_t *uid)
 {
     char text[128];
-    if (!read_small_file(profile, "uid", text, sizeof text))
+    if (!read_small_file(profile, KZOL_PROFILE_UID, text, sizeof text))
         return 0;
     int saved = errno;
     const char *p = text;
@@ -242,9 +221,9 @@ static const char *profile_file_for(const char *path)
     if (path == NULL)
         return NULL;
     if (strcmp(path, "/proc/modules") == 0)
-        return "modules";
+        return KZOL_PROFILE_MODULES;
     if (strcmp(path, "/proc/self/zone") == 0)
-        return "zone";
+        return KZOL_PROFILE_ZONE;
     return NULL;
 }
 
@@ -321,7 +300,7 @@ EXPORT char *vconf_get_str(const char *key)
     }
     trace("vconf_get_str", key ? key : "(null)");
     char store[PATH_MAX];
-    if (!profile_path(store, sizeof store, profile, "vconf"))
+    if (!profile_path(store, sizeof store, profile, KZOL_PROFILE_VCONF))
         return NULL;
     return store_read_value(store, key);
 }
@@ -353,19 +332,31 @@ static int entry_order(const void *a, const void *b)
 
 static int usb_directory(const char *profile, char *out, size_t size)
 {
-    return profile_path(out, size, profile, "usb");
+    return profile_path(out, size, profile, KZOL_PROFILE_USB);
 }
 
+/* The 64-bit forms of stat and readdir: on a 32-bit target the plain ones
+ * fail with EOVERFLOW on a file system with 64-bit inode numbers. (This file
+ * defines fopen and fopen64 both, so it cannot take _FILE_OFFSET_BITS=64.) */
 static int is_directory(const char *path)
 {
-    struct stat st;
-    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+    struct stat64 st;
+    return stat64(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 static int ends_with(const char *s, const char *suffix)
 {
     size_t n = strlen(s), m = strlen(suffix);
     return n >= m && strcmp(s + n - m, suffix) == 0;
+}
+
+static void free_entries(struct usb_entry *entries, size_t count)
+{
+    for (size_t i = 0; i < count; ++i) {
+        free(entries[i].name);
+        free(entries[i].mountpath);
+    }
+    free(entries);
 }
 
 /* The devices of PROFILE/usb in name order; -1 when the directory cannot be read. */
@@ -377,19 +368,19 @@ static int list_devices(const char *dir, struct usb_entry **entries_out, size_t 
     struct usb_entry *entries = NULL;
     size_t count = 0, capacity = 0;
     int rc = 0;
-    struct dirent *e;
-    while ((e = readdir(d)) != NULL) {
+    struct dirent64 *e;
+    while ((e = readdir64(d)) != NULL) {
         if (e->d_name[0] == '.')
             continue;
         char path[PATH_MAX];
         int n = snprintf(path, sizeof path, "%s/%s", dir, e->d_name);
         if (n < 0 || (size_t)n >= sizeof path)
             continue;
-        struct stat st;
-        if (stat(path, &st) != 0)
+        struct stat64 st;
+        if (stat64(path, &st) != 0)
             continue;
         int mounted = S_ISDIR(st.st_mode);
-        if (!mounted && !(S_ISREG(st.st_mode) && ends_with(e->d_name, ".nomount")))
+        if (!mounted && !(S_ISREG(st.st_mode) && ends_with(e->d_name, KZOL_PROFILE_NOMOUNT_SUFFIX)))
             continue;
         if (count == capacity) {
             size_t grown_capacity = capacity ? capacity * 2 : 8;
@@ -403,21 +394,15 @@ static int list_devices(const char *dir, struct usb_entry **entries_out, size_t 
         }
         entries[count].name = strdup(e->d_name);
         entries[count].mountpath = mounted ? strdup(path) : NULL;
-        if (entries[count].name == NULL || (mounted && entries[count].mountpath == NULL)) {
-            free(entries[count].name);
-            free(entries[count].mountpath);
+        ++count;
+        if (entries[count - 1].name == NULL || (mounted && entries[count - 1].mountpath == NULL)) {
             rc = -1;
             break;
         }
-        ++count;
     }
     closedir(d);
     if (rc != 0) {
-        for (size_t i = 0; i < count; ++i) {
-            free(entries[i].name);
-            free(entries[i].mountpath);
-        }
-        free(entries);
+        free_entries(entries, count);
         return -1;
     }
     if (count > 1)
@@ -431,7 +416,7 @@ static int list_devices(const char *dir, struct usb_entry **entries_out, size_t 
 static int foreach_result(const char *dir)
 {
     char text[64];
-    if (!read_small_file(dir, ".foreach-result", text, sizeof text))
+    if (!read_small_file(dir, KZOL_PROFILE_FOREACH_RESULT, text, sizeof text))
         return 0;
     const char *p = text;
     long long v;
@@ -470,11 +455,7 @@ EXPORT int usb_mass_storage_foreach(void (*cb)(usb_device_s *, void *), void *us
 
     struct usb_device_s *devices = count ? calloc(count, sizeof *devices) : NULL;
     if (count > 0 && devices == NULL) {
-        for (size_t i = 0; i < count; ++i) {
-            free(entries[i].name);
-            free(entries[i].mountpath);
-        }
-        free(entries);
+        free_entries(entries, count);
         return -1;
     }
     for (size_t i = 0; i < count; ++i)
@@ -488,11 +469,7 @@ EXPORT int usb_mass_storage_foreach(void (*cb)(usb_device_s *, void *), void *us
     }
     t_walks = walk.outer;
 
-    for (size_t i = 0; i < count; ++i) {
-        free(entries[i].name);
-        free(entries[i].mountpath);
-    }
-    free(entries);
+    free_entries(entries, count);
     free(devices);
     return result;
 }

@@ -60,8 +60,8 @@ static char *store_read_value(const char *directory, const char *key)
     if (fd < 0)
         return NULL;
 
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > KZOL_STORE_VALUE_LIMIT) {
+    struct stat64 st; /* 64-bit sizes and inode numbers on 32-bit targets too */
+    if (fstat64(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > KZOL_STORE_VALUE_LIMIT) {
         close(fd);
         return NULL;
     }

@@ -67,9 +67,12 @@ std::string reportText(int kind, const std::string& caller, const std::string& f
 
 }  // namespace kzol_test
 
-// The library reads the time of day for its report sequence only.
+// The library reads the time of day for its report sequence only. Where
+// time_t has 64 bits on a 32-bit target, the C library's clock_gettime of that
+// width is __clock_gettime64, and the declaration names this one so too.
 extern "C" int clock_gettime(clockid_t clock, timespec* time)
 {
-    static const auto real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, "clock_gettime"));
+    static const char* const name = sizeof(time_t) > sizeof(long) ? "__clock_gettime64" : "clock_gettime";
+    static const auto real = reinterpret_cast<int (*)(clockid_t, timespec*)>(dlsym(RTLD_NEXT, name));
     return clock != CLOCK_REALTIME ? real(clock, time) : (*time = kzol_test::g_reportTime, 0);
 }

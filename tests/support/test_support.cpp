@@ -97,6 +97,12 @@ void writeFile(const std::string& path, const std::string& bytes)
     EXPECT_TRUE(out.write(bytes.data(), std::streamsize(bytes.size()))) << "cannot write " << path;
 }
 
+void appendFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::app);
+    EXPECT_TRUE(out.write(bytes.data(), std::streamsize(bytes.size()))) << "cannot append to " << path;
+}
+
 std::string readFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);

@@ -60,6 +60,7 @@ private:
 
 // Writes a file, making the directories it needs.
 void writeFile(const std::string& path, const std::string& bytes);
+void appendFile(const std::string& path, const std::string& bytes);  // at the end, however large the file
 std::string readFile(const std::string& path);
 
 // Runs a shell command; answers its exit status and fills `output` with its

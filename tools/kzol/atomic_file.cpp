@@ -18,6 +18,27 @@ std::string directoryOf(const std::string& path)
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+bool makeDirectories(const std::string& path, mode_t mode, std::string& error)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0) {
+        if (!S_ISDIR(st.st_mode)) {
+            error = path + " exists and is not a directory";
+            return false;
+        }
+        return true;
+    }
+    const std::string parent = directoryOf(path);
+    if (parent != path && !makeDirectories(parent, mode, error)) {
+        return false;
+    }
+    if (::mkdir(path.c_str(), mode) != 0 && errno != EEXIST) {
+        error = "cannot create directory " + path + ": " + errnoText(errno);
+        return false;
+    }
+    return true;
+}
+
 namespace {
 
 std::string baseNameOf(const std::string& path)

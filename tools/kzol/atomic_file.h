@@ -52,4 +52,9 @@ bool writeFileAtomic(const std::string& destination, const ByteBuffer& bytes, mo
 // The directory part of a path ("." when it has none).
 std::string directoryOf(const std::string& path);
 
+// Creates `path` and the directories above it that are missing, new ones with
+// permission bits `mode` (less the umask). An existing path that is not a
+// directory is an error.
+bool makeDirectories(const std::string& path, mode_t mode, std::string& error);
+
 }  // namespace kzol

@@ -16,7 +16,6 @@
 #include "atomic_file.h"
 #include "commands.h"
 #include "common.h"
-#include "signature.h"
 #include "writer.h"
 
 namespace kzol {
@@ -102,10 +101,7 @@ int runCert(const CertOptions& options)
         !file.write(certificate, error)) {
         return fail(error);
     }
-    Signature check;
-    _ZolSigMeta meta{};
-    if (!check.loadFromFile(file.temporaryPath(), meta) || check.offset() != content.size() + c_metaFieldSize ||
-        meta.sigType != c_certificateType || meta.keyId != keyId) {
+    if (!blockReadsBack(file.temporaryPath(), content.size(), c_certificateType, keyId)) {
         return fail("the library does not read the new block back; nothing written");
     }
     if (!file.commit(exists, error)) {

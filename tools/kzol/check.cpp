@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "bs_context.h"
 #include "commands.h"
 #include "common.h"
 #include "kZOLUser.h"
@@ -31,11 +32,11 @@ void follow(Trail& trail, const std::string& message)
 {
     const auto has = [&](const char* text) { return message.find(text) != std::string::npos; };
     if (has("\033[1;32mCorrect Signed [ file_path")) {
-        trail.result = "BS_SIGNATURE_CORRECT";
+        trail.result = resultName(BS_SIGNATURE_CORRECT);
     } else if (has("\033[1;31mIncorrect Signed [ file_path")) {
-        trail.result = "BS_SIGNATURE_INCORRECT";
+        trail.result = resultName(BS_SIGNATURE_INCORRECT);
     } else if (has("\033[1;31mNot Signed [ file_path")) {
-        trail.result = "BS_NOT_SIGNED";
+        trail.result = resultName(BS_NOT_SIGNED);
     } else if (has("\033[1;35mDisable Script ZOL")) {
         trail.reason = "disable certificate";
     } else if (has("[zol] Isolate container process")) {
@@ -60,7 +61,7 @@ int runCheck(const CheckOptions& options)
     }
     // A refused file that exists was verified: a result without a line of its
     // own is an error of the verification.
-    const std::string detail = trail.missing ? "file does not exist" : !trail.result.empty() ? trail.result : "BS_ERROR";
+    const std::string detail = trail.missing ? "file does not exist" : !trail.result.empty() ? trail.result : resultName(BS_ERROR);
     std::cout << "refused (" << detail << ")\n";
     return c_exitNegative;
 }

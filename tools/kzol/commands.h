@@ -19,5 +19,6 @@ void addCertCommand(CLI::App& app, int& status);     // cert.cpp
 void addEmulateCommand(CLI::App& app, int& status);  // emulate.cpp
 void addProfileCommand(CLI::App& app, int& status);  // emulate.cpp
 void addCheckCommand(CLI::App& app, int& status);    // check.cpp
+void addExecCommand(CLI::App& app, int& status);     // exec.cpp
 
 }  // namespace kzol

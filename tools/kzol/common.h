@@ -56,4 +56,8 @@ std::string resolvedPath(const std::string& path);
 std::string printable(const std::string& bytes);
 std::string printable(char c);
 
+// True when `bytes` is valid UTF-8 (no overlong forms, surrogates or values
+// above U+10FFFF).
+bool isValidUtf8(const std::string& bytes);
+
 }  // namespace kzol

@@ -22,6 +22,7 @@
 #include "atomic_file.h"
 #include "commands.h"
 #include "common.h"
+#include "profile_layout.h"
 
 #ifndef KZOL_EMULATE_LIB_PATH
 #error "KZOL_EMULATE_LIB_PATH: the path of the built emulation library"
@@ -33,26 +34,7 @@ namespace {
 
 // ---- the profile layout --------------------------------------------------
 
-const char* const c_profileLayout =
-    "Profile layout (every file optional, read afresh at each access):\n"
-    "  modules                what fopen(\"/proc/modules\") reads; a line starting \"micom \"\n"
-    "                         makes the device a television\n"
-    "  zone                   what fopen(\"/proc/self/zone\") reads: \"LEVEL TYPE\" (type 1 =\n"
-    "                         isolated container)\n"
-    "  uid                    getuid()/geteuid(): \"RUID EUID\" or one ID for both; without it,\n"
-    "                         the process's own IDs\n"
-    "  vconf/KEY              vconf_get_str(KEY), the key's slashes being directories:\n"
-    "                         vconf/db/comss/hwduid is the device identifier (one trailing\n"
-    "                         newline is not part of the value)\n"
-    "  usb/                   the USB service; without it usb_device_init() fails\n"
-    "  usb/NAME/              an attached stick mounted at this directory (put RTZOLOFF.cer\n"
-    "                         here to attach a disable certificate)\n"
-    "  usb/NAME.nomount       an attached device without a mount path\n"
-    "  usb/.foreach-result    the number usb_mass_storage_foreach() answers (default 0)\n"
-    "Devices are visited in byte order of their names; names starting with '.' are not\n"
-    "devices. A missing modules or zone file reads as a machine without that file.\n"
-    "Tracing: with KZOL_EMULATE_TRACE=FILE every emulated access appends one line to FILE\n"
-    "(\"fopen /proc/modules\", \"getuid\", \"vconf_get_str KEY\", \"usb_device_init\", ...).\n";
+const char* const c_profileLayout = KZOL_PROFILE_LAYOUT_TEXT;
 
 // /proc/modules of a television: the front micro-controller's driver first.
 const char* const c_tvModules =
@@ -95,26 +77,6 @@ bool parseUid(const std::string& text, unsigned long long& uid)
     }
     uid = std::stoull(text);
     return uid <= c_maxUid;
-}
-
-bool makeDirectory(const std::string& path, std::string& error)
-{
-    if (::mkdir(path.c_str(), c_profileDirMode) != 0 && errno != EEXIST) {
-        error = "cannot create " + path + ": " + errnoText(errno);
-        return false;
-    }
-    return true;
-}
-
-// Creates `path` and the directories above it that are missing.
-bool makeDirectories(const std::string& path, std::string& error)
-{
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        if (!makeDirectory(path.substr(0, slash), error)) {
-            return false;
-        }
-    }
-    return makeDirectory(path, error);
 }
 
 bool writeText(const std::string& path, const std::string& text, std::string& error)
@@ -162,7 +124,7 @@ int runProfileInit(const ProfileOptions& options)
                 return fail(c_exitNegative, options.directory + " is not empty; a profile is made in a new or empty directory");
             }
         }
-    } else if (errno != ENOENT || !makeDirectories(options.directory, error)) {
+    } else if (errno != ENOENT || !makeDirectories(options.directory, c_profileDirMode, error)) {
         return fail(error.empty() ? "cannot use " + options.directory + ": " + errnoText(errno) : error);
     }
     const std::string root = resolvedPath(options.directory);
@@ -170,15 +132,15 @@ int runProfileInit(const ProfileOptions& options)
     // Each line: the file written and what the emulation makes of it.
     std::vector<std::pair<std::string, std::string>> layout;
 
-    if (!writeText(root + "/modules", options.tv ? c_tvModules : c_pcModules, error)) {
+    if (!writeText(root + "/" KZOL_PROFILE_MODULES, options.tv ? c_tvModules : c_pcModules, error)) {
         return fail(error);
     }
     layout.emplace_back("modules", options.tv ? "/proc/modules lists micom: a television"
                                               : "/proc/modules without micom: not a television");
 
     if (options.hasDuid) {
-        if (!makeDirectories(root + "/vconf/db/comss", error) ||
-            !writeText(root + "/vconf/db/comss/hwduid", options.duid + "\n", error)) {
+        if (!makeDirectories(root + "/" KZOL_PROFILE_VCONF "/db/comss", c_profileDirMode, error) ||
+            !writeText(root + "/" KZOL_PROFILE_VCONF "/db/comss/hwduid", options.duid + "\n", error)) {
             return fail(error);
         }
         layout.emplace_back("vconf/db/comss/hwduid", "device identifier \"" + printable(options.duid) + "\"");
@@ -188,7 +150,7 @@ int runProfileInit(const ProfileOptions& options)
 
     if (!options.zone.empty()) {
         const std::string text = std::to_string(options.zone[0]) + " " + std::to_string(options.zone[1]) + "\n";
-        if (!writeText(root + "/zone", text, error)) {
+        if (!writeText(root + "/" KZOL_PROFILE_ZONE, text, error)) {
             return fail(error);
         }
         layout.emplace_back("zone", "/proc/self/zone: level " + std::to_string(options.zone[0]) + ", type " +
@@ -201,7 +163,7 @@ int runProfileInit(const ProfileOptions& options)
     if (!options.uid.empty()) {
         const std::string text =
             options.uid.size() == 1 ? std::to_string(ruid) + "\n" : std::to_string(ruid) + " " + std::to_string(euid) + "\n";
-        if (!writeText(root + "/uid", text, error)) {
+        if (!writeText(root + "/" KZOL_PROFILE_UID, text, error)) {
             return fail(error);
         }
         layout.emplace_back("uid", "real user ID " + std::to_string(ruid) + ", effective user ID " +
@@ -211,16 +173,16 @@ int runProfileInit(const ProfileOptions& options)
     }
 
     if (!sticks.empty()) {
-        if (!makeDirectory(root + "/usb", error)) {
+        if (!makeDirectories(root + "/" KZOL_PROFILE_USB, c_profileDirMode, error)) {
             return fail(error);
         }
         layout.emplace_back("usb/", "USB service with " + std::to_string(sticks.size()) +
                                         (sticks.size() == 1 ? " device" : " devices"));
         for (const std::string& name : sticks) {
-            if (!makeDirectory(root + "/usb/" + name, error)) {
+            if (!makeDirectories(root + "/" KZOL_PROFILE_USB "/" + name, c_profileDirMode, error)) {
                 return fail(error);
             }
-            layout.emplace_back("usb/" + name + "/", "stick mounted at " + root + "/usb/" + name);
+            layout.emplace_back("usb/" + name + "/", "stick mounted at " + root + "/" KZOL_PROFILE_USB "/" + name);
         }
     } else {
         layout.emplace_back("(no usb/)", "the USB service does not start");

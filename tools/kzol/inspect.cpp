@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
+#include <json/json.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -19,7 +20,6 @@
 
 #include "commands.h"
 #include "common.h"
-#include "json_out.h"
 #include "signature.h"
 #include "writer.h"
 
@@ -27,9 +27,11 @@ namespace kzol {
 
 namespace {
 
-constexpr unsigned int c_blankWindow = 8;
-constexpr unsigned int c_footprintSize = 4;
-constexpr unsigned int c_lengthFieldSize = 8;
+using block_layout::c_blankWindow;
+using block_layout::c_footprintSize;
+using block_layout::c_lengthFieldSize;
+using block_layout::c_tailSize;
+
 constexpr std::size_t c_rsa2048SignatureSize = 256;
 
 struct InspectOptions {
@@ -90,27 +92,22 @@ bool walkBlock(FILE* file, Findings& f)
                        : "no \":ZOL\" footprint at E-4 (position " + std::to_string(end - c_footprintSize) + ")";
         return false;
     }
-    if (end < c_blockTailSize) {
+    if (end < c_tailSize) {
         f.reason = "no room for the 8-byte length field before the footprint (block end " + std::to_string(end) + ")";
         return false;
     }
-    const unsigned int lengthPosition = end - static_cast<unsigned int>(c_blockTailSize);
+    const unsigned int lengthPosition = end - c_tailSize;
     char field[c_lengthFieldSize];
     if (!reader.readFromFile(file, lengthPosition, field, sizeof(field))) {
         f.reason = "length field unreadable at position " + std::to_string(lengthPosition);
         return false;
     }
     f.lengthField = std::string(field, sizeof(field));
-    char decoded[6];
-    unsigned int decodedLength = 0;
-    if (!base64_decode(field, sizeof(field), decoded, &decodedLength) || decodedLength != 4) {
+    unsigned int textLength = 0;
+    if (!block_layout::decodeLengthField(field, textLength)) {
         f.reason = "length field " + quotedBytes(*f.lengthField) + " is not the base64 form of 4 bytes";
         return false;
     }
-    const auto* be = reinterpret_cast<const unsigned char*>(decoded);
-    const unsigned int textLength = (static_cast<unsigned int>(be[0]) << 24) |
-                                    (static_cast<unsigned int>(be[1]) << 16) |
-                                    (static_cast<unsigned int>(be[2]) << 8) | be[3];
     f.textLength = textLength;
     if (lengthPosition <= textLength) {
         f.reason = "text length " + std::to_string(textLength) + " too large: only " +
@@ -134,7 +131,7 @@ bool walkBlock(FILE* file, Findings& f)
         return false;
     }
     unsigned char meta[c_metaFieldSize];
-    if (!reader.readFromFile(file, offset - static_cast<unsigned int>(c_metaFieldSize), meta, sizeof(meta))) {
+    if (!reader.readFromFile(file, offset - c_metaFieldSize, meta, sizeof(meta))) {
         f.reason = "metadata field unreadable";
         return false;
     }
@@ -154,11 +151,8 @@ bool walkBlock(FILE* file, Findings& f)
 }
 
 // Details of a block the library loaded.
-void describeLoaded(const Signature& block, const _ZolSigMeta& meta, bool walked, Findings& f)
+void describeLoaded(const Signature& block, const _ZolSigMeta& meta, Findings& f)
 {
-    if (!walked || f.offset != block.offset()) {
-        f.notes.push_back("the step-by-step reading disagrees with the library's reader; the library's values are shown");
-    }
     f.offset = block.offset();
     f.textLength = static_cast<unsigned int>(block.size() - 1);
     f.type = meta.sigType;
@@ -181,30 +175,71 @@ void describeLoaded(const Signature& block, const _ZolSigMeta& meta, bool walked
     }
 }
 
-std::string charText(char c)
+// Bytes as the text of a JSON string. Valid UTF-8 is kept as it is; in bytes
+// that are not valid UTF-8 every byte stands for the character of the same
+// number (U+0000 to U+00FF), so that raw bytes stay visible.
+std::string jsonText(const std::string& bytes)
 {
-    return std::string(1, c);
+    if (isValidUtf8(bytes)) {
+        return bytes;
+    }
+    std::string text;
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x80) {
+            text += c;
+        } else {
+            text += static_cast<char>(0xC0 | (byte >> 6));
+            text += static_cast<char>(0x80 | (byte & 0x3F));
+        }
+    }
+    return text;
+}
+
+// The value, or null when there is none.
+template <typename T>
+Json::Value orNull(const std::optional<T>& value)
+{
+    return value ? Json::Value(*value) : Json::Value(Json::nullValue);
+}
+
+Json::Value numberOrNull(const std::optional<unsigned int>& value)
+{
+    return value ? Json::Value(static_cast<Json::UInt64>(*value)) : Json::Value(Json::nullValue);
+}
+
+Json::Value characterOrNull(const std::optional<char>& c)
+{
+    return c ? Json::Value(jsonText(std::string(1, *c))) : Json::Value(Json::nullValue);
 }
 
 void printJson(const std::string& path, const Findings& f)
 {
-    JsonObject o;
-    o.add("file", path).addBool("loaded", f.loaded).addNumber("file_size", f.fileSize);
-    if (f.blockEnd) {
-        o.addNumber("trailing_blanks", f.fileSize - *f.blockEnd).addNumber("block_end", *f.blockEnd);
-    } else {
-        o.addNull("trailing_blanks").addNull("block_end");
+    Json::Value o(Json::objectValue);
+    o["file"] = jsonText(path);
+    o["loaded"] = f.loaded;
+    o["file_size"] = static_cast<Json::UInt64>(f.fileSize);
+    o["trailing_blanks"] = f.blockEnd ? Json::Value(static_cast<Json::UInt64>(f.fileSize - *f.blockEnd))
+                                      : Json::Value(Json::nullValue);
+    o["block_end"] = numberOrNull(f.blockEnd);
+    o["footprint"] = orNull(f.footprint);
+    o["length_field"] = f.lengthField ? Json::Value(jsonText(*f.lengthField)) : Json::Value(Json::nullValue);
+    o["text_length"] = numberOrNull(f.textLength);
+    o["offset"] = numberOrNull(f.offset);
+    o["type"] = characterOrNull(f.type);
+    o["key_id"] = characterOrNull(f.keyId);
+    o["signature_length"] = f.signatureLength ? Json::Value(static_cast<Json::UInt64>(*f.signatureLength))
+                                              : Json::Value(Json::nullValue);
+    o["reason"] = f.loaded ? Json::Value(Json::nullValue) : Json::Value(f.reason);
+    Json::Value notes(Json::arrayValue);
+    for (const auto& note : f.notes) {
+        notes.append(note);
     }
-    f.footprint ? o.addBool("footprint", *f.footprint) : o.addNull("footprint");
-    f.lengthField ? o.add("length_field", *f.lengthField) : o.addNull("length_field");
-    f.textLength ? o.addNumber("text_length", *f.textLength) : o.addNull("text_length");
-    f.offset ? o.addNumber("offset", *f.offset) : o.addNull("offset");
-    f.type ? o.add("type", charText(*f.type)) : o.addNull("type");
-    f.keyId ? o.add("key_id", charText(*f.keyId)) : o.addNull("key_id");
-    f.signatureLength ? o.addNumber("signature_length", *f.signatureLength) : o.addNull("signature_length");
-    f.loaded ? o.addNull("reason") : o.add("reason", f.reason);
-    o.add("notes", f.notes);
-    std::cout << o.text() << "\n";
+    o["notes"] = notes;
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "";
+    writer["emitUTF8"] = true;
+    std::cout << Json::writeString(writer, o) << "\n";
 }
 
 void printText(const std::string& path, const Findings& f)
@@ -268,7 +303,7 @@ int runInspect(const InspectOptions& options)
     const bool walked = walkBlock(file.get(), f);
     f.loaded = loaded;
     if (loaded) {
-        describeLoaded(block, meta, walked, f);
+        describeLoaded(block, meta, f);
     } else if (walked) {
         f.reason = "the library's reader does not load the block";
     }

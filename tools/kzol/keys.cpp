@@ -119,28 +119,6 @@ bool publicKeyPem(EVP_PKEY* key, ByteBuffer& pem, std::string& error)
     return true;
 }
 
-// mkdir -p, new directories with mode 0700.
-bool makeDirectories(const std::string& path, std::string& error)
-{
-    struct stat st {};
-    if (::stat(path.c_str(), &st) == 0) {
-        if (!S_ISDIR(st.st_mode)) {
-            error = path + " exists and is not a directory";
-            return false;
-        }
-        return true;
-    }
-    const std::string parent = directoryOf(path);
-    if (parent != path && !makeDirectories(parent, error)) {
-        return false;
-    }
-    if (::mkdir(path.c_str(), c_keyDirectoryMode) != 0 && errno != EEXIST) {
-        error = "cannot create directory " + path + ": " + errnoText(errno);
-        return false;
-    }
-    return true;
-}
-
 int runKeygen(const KeygenOptions& options)
 {
     std::string dir = options.directory;
@@ -148,7 +126,7 @@ int runKeygen(const KeygenOptions& options)
         dir.pop_back();
     }
     std::string error;
-    if (!makeDirectories(dir, error)) {
+    if (!makeDirectories(dir, c_keyDirectoryMode, error)) {
         return fail(error);
     }
     dir = resolvedPath(dir);

@@ -5,11 +5,13 @@
 
 #include "commands.h"
 #include "common.h"
+#include "kZOLUser.h"
 
 int main(int argc, char** argv)
 {
     CLI::App app{"kzol: keys, signing, inspection and checks for libkZOLUser", "kzol"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", std::string("kzol ") + kZOLUserVersion());
     app.footer("Exit status: 0 success; 1 negative result; 2 usage or I/O error.\n");
 
     int status = kzol::c_exitSuccess;
@@ -23,12 +25,13 @@ int main(int argc, char** argv)
     kzol::addEmulateCommand(app, status);
     kzol::addProfileCommand(app, status);
     kzol::addCheckCommand(app, status);
+    kzol::addExecCommand(app, status);
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
-            return app.exit(e);  // --help
+            return app.exit(e);  // --help, --version
         }
         kzol::fail(e.what());
         std::cerr << "Run 'kzol --help' or 'kzol <command> --help' for usage." << std::endl;

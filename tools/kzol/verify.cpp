@@ -21,23 +21,6 @@ struct VerifyOptions {
     std::string caller = "kzol";
 };
 
-const char* resultName(Result result)
-{
-    switch (result) {
-    case BS_ERROR:
-        return "BS_ERROR";
-    case BS_INVALID_FILE_TYPE:
-        return "BS_INVALID_FILE_TYPE";
-    case BS_NOT_SIGNED:
-        return "BS_NOT_SIGNED";
-    case BS_SIGNATURE_CORRECT:
-        return "BS_SIGNATURE_CORRECT";
-    case BS_SIGNATURE_INCORRECT:
-        return "BS_SIGNATURE_INCORRECT";
-    }
-    return "BS_ERROR";
-}
-
 int runVerify(const VerifyOptions& options)
 {
     const std::string& path = options.file;

@@ -36,11 +36,6 @@ std::string keyTypeName(int id)
 
 }  // namespace
 
-bool isSignatureType(char type)
-{
-    return type == 'P' || type == 'L';
-}
-
 bool isKeySelector(char keyId)
 {
     return keyId == '5' || keyId == '6';
@@ -82,7 +77,7 @@ bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error
 
 ByteBuffer metadataField(char type, char keyId)
 {
-    return ByteBuffer{static_cast<unsigned char>(type), static_cast<unsigned char>(keyId), c_zolMetaReserved};
+    return ByteBuffer{static_cast<unsigned char>(type), static_cast<unsigned char>(keyId), block_layout::c_metaReserved};
 }
 
 bool signData(EVP_PKEY* key, const ByteBuffer& data, ByteBuffer& rawSignature, std::string& error)
@@ -135,7 +130,7 @@ bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::stri
         return false;
     }
     // text holds the MPI characters and a NUL that the file does not carry.
-    const std::uint64_t total = static_cast<std::uint64_t>(file.size()) + (text.size() - 1) + c_blockTailSize;
+    const std::uint64_t total = static_cast<std::uint64_t>(file.size()) + (text.size() - 1) + block_layout::c_tailSize;
     if (total > std::numeric_limits<std::uint32_t>::max()) {
         error = "the signed file would exceed 4 GiB, beyond the block's 32-bit positions";
         return false;
@@ -143,7 +138,7 @@ bool appendBlockTail(const ByteBuffer& rawSignature, ByteBuffer& file, std::stri
     const Signature block(text, static_cast<unsigned int>(file.size()));
     ByteBuffer tail;
     block.composeSignature(tail);
-    if (tail.size() != text.size() - 1 + c_blockTailSize) {
+    if (tail.size() != text.size() - 1 + block_layout::c_tailSize) {
         error = "the signature block came out malformed";
         return false;
     }
@@ -172,7 +167,7 @@ bool composeSignedFileOver(EVP_PKEY* key, const ByteBuffer& content, const ByteB
         return false;
     }
     ByteBuffer file;
-    file.reserve(content.size() + c_metaFieldSize + 2 * raw.size() + 2 + c_blockTailSize);
+    file.reserve(content.size() + c_metaFieldSize + 2 * raw.size() + 2 + block_layout::c_tailSize);
     file = content;
     const ByteBuffer meta = metadataField(type, keyId);
     file.insert(file.end(), meta.begin(), meta.end());
@@ -190,6 +185,14 @@ bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char
     const ByteBuffer meta = metadataField(type, keyId);
     region.insert(region.end(), meta.begin(), meta.end());
     return composeSignedFileOver(key, content, region, type, keyId, signedFile, error);
+}
+
+bool blockReadsBack(const std::string& path, std::size_t contentSize, char type, char keyId)
+{
+    Signature check;
+    _ZolSigMeta meta{};
+    return check.loadFromFile(path, meta) && check.offset() == contentSize + c_metaFieldSize &&
+           meta.sigType == type && meta.keyId == keyId;
 }
 
 }  // namespace kzol

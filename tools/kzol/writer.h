@@ -3,35 +3,33 @@
 // commands that sign other data into the same block (a disable certificate
 // signs a device identifier).
 //
-// A signed file is
-//   content | type, key selector, c_zolMetaReserved | MPI text | length field | ":ZOL"
-// and its signature is RSA PKCS#1 v1.5 over SHA-256 of the signed data; for a
-// script the signed data is the content and the metadata field.
+// A signed file is content, metadata field and block as block_layout.h lays
+// them out, with the MPI text of the signature; the signature is RSA PKCS#1
+// v1.5 over SHA-256 of the signed data. For a script the signed data is the
+// content and the metadata field.
 #pragma once
 
 #include <string>
 
+#include "block_layout.h"
 #include "common.h"
 #include "string_utils.h"
 
 namespace kzol {
 
 constexpr int c_signingKeyBits = 2048;
-constexpr std::size_t c_metaFieldSize = 3;
-// Bytes of a block after the metadata field, besides the text: the length
-// field and the footprint.
-constexpr std::size_t c_blockTailSize = 12;
+using block_layout::c_metaFieldSize;
+using block_layout::isSignatureType;
 
-// Type characters a writer may put in a block, and the key selectors.
-bool isSignatureType(char type);  // 'P' or 'L'
-bool isKeySelector(char keyId);   // '5' or '6'
+// The key selectors that name a built-in public key: '5' or '6'.
+bool isKeySelector(char keyId);
 
 // Reads a PEM private key (PKCS#8 or the traditional RSA form) and accepts
 // only an RSA key with a 2048-bit modulus. Encrypted keys are refused rather
 // than prompted for.
 bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error);
 
-// The 3-byte metadata field: type, key selector, c_zolMetaReserved.
+// The 3-byte metadata field: type, key selector, the reserved byte.
 ByteBuffer metadataField(char type, char keyId);
 
 // RSA PKCS#1 v1.5 signature over the SHA-256 digest of `data`.
@@ -55,5 +53,11 @@ bool composeSignedFileOver(EVP_PKEY* key, const ByteBuffer& content, const ByteB
 // metadata field, the signed region that the library verifies.
 bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char keyId, ByteBuffer& signedFile,
                        std::string& error);
+
+// True when the library's reader loads from `path` exactly the block that was
+// written over `contentSize` bytes of content: the signed region ends after
+// the metadata field, with the given type and key selector. A written file is
+// checked so before it takes its final name.
+bool blockReadsBack(const std::string& path, std::size_t contentSize, char type, char keyId);
 
 }  // namespace kzol

@@ -221,13 +221,20 @@ std::string GetDUID()
     return duid;
 }
 
-// Whether the file may run (1) or is refused (0). A failure that would escape
-// as an exception (such as exhausted memory) refuses the file: the gate fails
-// closed, and no caller can take an exception.
-extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) try {
+namespace {
+
+// The policy: whether the file may run (1) or is refused (0). The signed
+// content is read from `descriptor` when one is given, else from the file's
+// real path; every message names the path and the exported verification call.
+// A failure that would escape as an exception (such as exhausted memory)
+// refuses the file: the gate fails closed, and no caller can take an exception.
+// A cancellation's unwinding is the one exception that passes (and why this
+// function cannot be noexcept).
+int decide(const char* fileName, const char* caller, const int* descriptor) try {
+    static const char* const c_entry = "verifyFileWihtoutKey";
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
-        KZOL_LOGE("%s does not exist;", fileName != nullptr ? fileName : "(null)");
+        KZOL_LOGE_IN(c_entry, "%s does not exist;", fileName != nullptr ? fileName : "(null)");
         return 0;
     }
     const char* callerName = caller != nullptr ? caller : "NULL";
@@ -253,7 +260,7 @@ extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) tr
     if (findCertificate(certificate)) {
         const std::string duid = GetDUID();
         if (context.verifyFileWithDeviceId(certificate, duid, callerName) == BS_SIGNATURE_CORRECT) {
-            KZOL_LOGI("[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+            KZOL_LOGI_IN(c_entry, "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
             return 1;
         }
     }
@@ -264,15 +271,16 @@ extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) tr
     }
 
     if (!isFileExists(resolved)) {
-        KZOL_LOGE("[zol][%s is not existed];", resolved);
+        KZOL_LOGE_IN(c_entry, "[zol][%s is not existed];", resolved);
     }
     const std::string realPath(resolved);
-    const Result result = context.verifyFile(realPath, callerName);
+    const Result result = descriptor != nullptr ? context.verifyFile(*descriptor, realPath, callerName)
+                                                : context.verifyFile(realPath, callerName);
     if (result == BS_SIGNATURE_CORRECT) {
         return 1;
     }
     if (!context.SendRequestNotification(realPath, callerName, result)) {
-        KZOL_LOGE("[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m", callerName);
+        KZOL_LOGE_IN(c_entry, "[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m", callerName);
     }
     return 0;
 } catch (abi::__forced_unwind&) {
@@ -281,11 +289,28 @@ extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller) tr
     return 0;
 }
 
+}  // namespace
+
+extern "C" int verifyFileWihtoutKey(const char* fileName, const char* caller)
+{
+    return decide(fileName, caller, nullptr);
+}
+
+extern "C" int verifyFileDescriptor(int fd, const char* fileName, const char* caller)
+{
+    return decide(fileName, caller, &fd);
+}
+
 // The first argument is never read.
 extern "C" int verifyFile(void* unused, const char* fileName, const char* caller)
 {
     (void)unused;
     return verifyFileWihtoutKey(fileName, caller);
+}
+
+extern "C" const char* kZOLUserVersion()
+{
+    return KZOL_VERSION;
 }
 
 extern "C" int main()
