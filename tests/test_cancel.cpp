@@ -4,6 +4,7 @@
 // cancellation takes the process down fails alone, with its name.
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -150,6 +151,12 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
     const auto checkOld = [](const std::string& path) {
         return [path] { return verifyFile(nullptr, path.c_str(), "loader"); };
     };
+    const auto checkOpen = [](const std::string& path) {
+        return [path] {
+            const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+            return verifyFileDescriptor(fd.get(), path.c_str(), "loader");
+        };
+    };
     const auto report = [](int type) {
         return [type] { return SendSecurityReport("task", "SCRIPT", "/tmp/x.sh", "text", type); };
     };
@@ -164,10 +171,12 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
         {"pending: verifyFileWihtoutKey, signed file", check(signedOne), true, false},
         {"pending: verifyFileWihtoutKey, unsigned file", check(unsignedOne), true, false},
         {"pending: verifyFile, unsigned file", checkOld(unsignedOne), true, false},
+        {"pending: verifyFileDescriptor, signed file", checkOpen(signedOne), true, false},
         {"pending: SendSecurityReport, file and data report", report(3), true, false},
         {"pending: SendSecurityReport, log report", report(0), true, false},
         {"deaf daemon: verifyFileWihtoutKey reporting a refusal", check(unsignedOne), false, true},
         {"deaf daemon: verifyFile reporting a refusal", checkOld(unsignedOne), false, true},
+        {"deaf daemon: verifyFileDescriptor reporting a refusal", checkOpen(unsignedOne), false, true},
         {"deaf daemon: SendSecurityReport", report(1), false, true},
     };
     for (const Row& row : rows) {
