@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -101,30 +102,28 @@ TEST(HostileFiles, DefiniteAnswers)
     }
 }
 
-// A real path longer than the platform's longest path cannot be resolved, and
-// an unresolvable path counts as lying outside the areas: reached through a
-// short relative name, such a file runs unchecked.
-TEST(HostileFiles, RealPathBeyondTheLongestPath)
+// A file under a write lease: the library's open breaks the lease and waits
+// for the break, as a blocking open would, and then checks the file.
+TEST(HostileFiles, FileUnderALeaseIsWaitedFor)
 {
     const TempDir dir;
-    DeviceProfile device;
-    const std::string component(200, 'd');
-    const UniqueFd start(open(".", O_RDONLY | O_DIRECTORY));
-    ASSERT_TRUE(start);
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
-    for (int depth = 0; depth < 25; ++depth) {
-        ASSERT_EQ(mkdir(component.c_str(), 0700), 0);
-        ASSERT_EQ(chdir(component.c_str()), 0);
-    }
-    writeFile("./run.sh", c_script);
+    const DeviceProfile device;
+    const std::string path = std::filesystem::canonical(dir.path()).string() + "/leased.sh";
+    writeFile(path, signedFile(c_script, "P50", devPrivateKey('5')));
+    static int s_leased = -1;
+    s_leased = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const UniqueFd leased(s_leased);
+    ASSERT_TRUE(leased);
+    struct sigaction release {};
+    release.sa_handler = [](int) { (void)fcntl(s_leased, F_SETLEASE, F_UNLCK); };
+    struct sigaction before {};
+    ASSERT_EQ(sigaction(SIGIO, &release, &before), 0);
+    ASSERT_EQ(fcntl(leased.get(), F_SETLEASE, F_WRLCK), 0) << std::strerror(errno);
+    DaemonListener daemon;
     clearLog();
-    EXPECT_EQ(answerOf("run.sh"), 1);
-    EXPECT_EQ(loggedLines(), Lines{errorLine("bs_context.cpp", "checkFileIsInRWUser",
-                                                    "realpath() error : File name too long;")});
-    EXPECT_EQ(device.takeTrace(), "");
-    // Leave the tree by its name's pieces: the whole name is too long to use.
-    for (int depth = 0; depth < 25; ++depth) {
-        ASSERT_EQ(chdir(".."), 0);
-    }
-    ASSERT_EQ(fchdir(start.get()), 0);
+    EXPECT_EQ(answerOf(path), 1);
+    // The readability probe waited too: no line of an unreadable file.
+    EXPECT_EQ(loggedLines(), Lines{checkLine("Correct Signed", path)});
+    EXPECT_EQ(daemon.drain(), Lines{});
+    (void)sigaction(SIGIO, &before, nullptr);
 }

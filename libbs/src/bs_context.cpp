@@ -260,8 +260,10 @@ int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const
         const int error = path == nullptr || resolved == nullptr ? EINVAL : errno;
         char buffer[128];
         KZOL_LOGE("realpath() error : %s;", strerror_r(error, buffer, sizeof(buffer)));
+        errno = error;
         return -1;
     }
+    errno = 0;
     for (const std::string_view area : c_userAreas) {
         if (std::strncmp(resolved, area.data(), area.size()) != 0) {
             continue;

@@ -75,7 +75,8 @@ public:
     // Resolves `path` into `resolved` (room for PATH_MAX bytes) and answers 0
     // when the real path lies in a user-writable area ("/opt", "/tmp", as plain
     // prefixes) and not in an excluded directory below it; -1 otherwise,
-    // also when the path cannot be resolved.
+    // also when the path cannot be resolved. After -1, errno holds the
+    // resolution's error, or 0 when the real path was found but lies outside.
     int checkFileIsInRWUser(const char* path, char* resolved) const;
 
     // Disable certificate: the signature in the certificate's block is over

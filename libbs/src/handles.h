@@ -7,12 +7,28 @@
 
 #include <openssl/bio.h>
 #include <openssl/evp.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+
+// Holds off the thread's cancellation for its scope. close and fclose are
+// cancellation points, and they run in destructors, which must not throw: a
+// cancellation acted on there would end the process instead of the thread.
+// Held off, it is acted on at the next cancellation point after the release.
+class CancellationHeldOff {
+public:
+    CancellationHeldOff() noexcept { (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_state); }
+    ~CancellationHeldOff() { (void)pthread_setcancelstate(m_state, nullptr); }
+    CancellationHeldOff(const CancellationHeldOff&) = delete;
+    CancellationHeldOff& operator=(const CancellationHeldOff&) = delete;
+
+private:
+    int m_state = PTHREAD_CANCEL_ENABLE;
+};
 
 // A file descriptor; -1 holds none.
 class UniqueFd {
@@ -62,6 +78,7 @@ public:
         if (m_fd < 0) {
             return true;
         }
+        const CancellationHeldOff heldOff;
         return ::close(release()) == 0;
     }
 
@@ -70,7 +87,11 @@ private:
 };
 
 struct FileClose {
-    void operator()(FILE* p) const noexcept { (void)std::fclose(p); }
+    void operator()(FILE* p) const noexcept
+    {
+        const CancellationHeldOff heldOff;
+        (void)std::fclose(p);
+    }
 };
 // A standard I/O stream, closed with fclose.
 using FilePtr = std::unique_ptr<FILE, FileClose>;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <limits>
 
 #include "block_layout.h"
@@ -22,6 +23,10 @@ using block_layout::c_footprintSize;
 using block_layout::c_lengthFieldSize;
 using block_layout::c_metaFieldSize;
 using block_layout::c_tailSize;
+// How long a file under a lease is waited for: beyond the kernel's default
+// lease-break time of 45 s, after which the file counts as unreadable.
+constexpr int c_leaseWaitMs = 60000;
+constexpr int c_leaseRetryMs = 10;
 
 inline bool fitsPositions(off_t size)
 {
@@ -39,7 +44,19 @@ int openForReading(const char* path)
 {
     // Without O_NONBLOCK, opening a FIFO would wait for a writer for as long
     // as one chooses not to come, and a device node could wait on its device.
-    UniqueFd fd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    constexpr int openFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    UniqueFd fd(open(path, openFlags));
+    // A regular file under a lease answers a non-blocking open with
+    // EWOULDBLOCK once the kernel has begun to break the lease. A blocking
+    // open would wait for the break, which the kernel bounds by
+    // /proc/sys/fs/lease-break-time; the file is waited for the same way,
+    // each try still without blocking, so that a name swapped for a FIFO in
+    // the meantime cannot hold the caller.
+    for (int waitedMs = 0; !fd && errno == EWOULDBLOCK && waitedMs < c_leaseWaitMs; waitedMs += c_leaseRetryMs) {
+        const timespec pause{0, c_leaseRetryMs * 1000000L};
+        (void)nanosleep(&pause, nullptr);
+        fd.reset(open(path, openFlags));
+    }
     if (fd.get() < 0) {
         return -1;
     }

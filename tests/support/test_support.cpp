@@ -1,4 +1,5 @@
 #include "test_support.h"
+#include "handles.h"
 
 #include <dlog.h>
 #include <sys/wait.h>
@@ -43,7 +44,7 @@ extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt
     char* text = nullptr;
     const int n = vasprintf(&text, fmt, args);
     va_end(args);
-    const std::unique_ptr<char, void (*)(void*)> owned(text, &std::free);
+    const MallocPtr<char> owned(text);
     const char letter = prio == DLOG_INFO ? 'I' : prio == DLOG_WARN ? 'W' : prio == DLOG_ERROR ? 'E' : '?';
     std::string rendered = std::string(1, letter) + "/" + (tag ? tag : "") + ": " + withoutLine(n >= 0 ? text : "");
     const std::lock_guard<std::mutex> lock(g_logMutex);

@@ -1,6 +1,7 @@
 // The library's exported entry points: the verification policy, the probes
 // it needs from the device, the disable certificate on USB storage, and
 // SendSecurityReport; and the library's static initialisation.
+#include <cxxabi.h>
 #include <unistd.h>
 #include <usb_device.h>
 #include <vconf.h>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "kZOLUser.h"
@@ -37,6 +39,12 @@ const char c_micomModule[] = "micom";
 const char c_certificateName[] = "RTZOLOFF.cer";
 const char c_duidKey[] = "db/comss/hwduid";
 
+// Whether the two policy steps that the described policy lets fail open hold
+// the gate instead (the KZOL_FAIL_CLOSED build): an existing file whose real
+// path cannot be resolved is checked by the path as given, and a
+// /proc/modules that exists but cannot be read makes a television.
+constexpr bool c_failClosed = KZOL_FAIL_CLOSED != 0;
+
 // Finding the certificate and reading its path back are one step: two calls
 // in that step at once would otherwise hand each other's path on.
 std::mutex g_certificateMutex;  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables): a lock is never const
@@ -48,31 +56,46 @@ struct StorageSearch {
 
 // One attached device: the last device holding a certificate at its root
 // supplies the path; a device without a mount path clears `found`.
-void handleStorageCallback(usb_device_s* device, void* userData)
+void inspectStorage(usb_device_s* device, StorageSearch& search)
 {
-    auto* search = static_cast<StorageSearch*>(userData);
     const char* mountPath = usb_device_get_mountpath(device);
     if (mountPath == nullptr) {
-        search->found = false;
+        search.found = false;
         return;
     }
     std::string candidate = std::string(mountPath) + "/" + c_certificateName;
     if (access(candidate.c_str(), F_OK) == 0) {
-        KZOL_LOGI("Find USBZOLPath : %s", candidate.c_str());
-        search->path = std::move(candidate);
-        search->found = true;
+        KZOL_LOGI_IN("handleStorageCallback", "Find USBZOLPath : %s", candidate.c_str());
+        search.path = std::move(candidate);
+        search.found = true;
+    }
+}
+
+// Called from inside the USB service's C code, which no exception may cross:
+// a device whose path cannot be built (memory is short) counts as holding no
+// certificate, which keeps the check on.
+void handleStorageCallback(usb_device_s* device, void* userData) noexcept
+{
+    try {
+        inspectStorage(device, *static_cast<StorageSearch*>(userData));
+    } catch (...) {  // NOLINT(bugprone-empty-catch): the device is skipped, as one without a certificate
     }
 }
 
 bool findCertificateLocked()
 {
     StorageSearch search{std::string(), false};
+    // The walk runs in the platform's C code, through which a cancellation
+    // could not unwind: it is acted on after the walk instead.
+    std::optional<CancellationHeldOff> heldOff(std::in_place);
     if (usb_device_init() != 0) {
+        heldOff.reset();
         KZOL_LOGW_IN("FindZOLDiableFile", "No connected usb_mass_storage");
         return false;
     }
     const int walk = usb_mass_storage_foreach(handleStorageCallback, &search);
     usb_device_fini();
+    heldOff.reset();
     if ((search.found || walk == 0) && !search.path.empty()) {
         USBZOLPath = search.path;
         return true;
@@ -140,6 +163,8 @@ extern "C" int SendSecurityReport(const char* caller, const char* fileType, cons
 {
     try {
         return sendSecurityReport(caller, fileType, path, description, type);
+    } catch (abi::__forced_unwind&) {
+        throw;  // the thread is being cancelled: its unwinding must go on
     } catch (...) {
         return 1;
     }
@@ -149,20 +174,19 @@ bool IsDTV()
 {
     const FilePtr modules(std::fopen(c_modulesPath, "r"));
     if (modules == nullptr) {
+        const bool unreadable = errno != ENOENT;
         KZOL_LOGI("[zol] /proc/modules is not exited");
-        return false;
+        return unreadable && c_failClosed;
     }
     // Pieces of at most five characters from the start of each line: a module
     // whose name begins with "micom" is found.
     char piece[6];
-    bool found = false;
     while (std::fgets(piece, sizeof(piece), modules.get()) != nullptr) {
         if (std::strstr(piece, c_micomModule) != nullptr) {
-            found = true;
-            break;
+            return true;
         }
     }
-    return found;
+    return std::ferror(modules.get()) != 0 && c_failClosed;
 }
 
 bool isFileExists(const char* path)
@@ -204,9 +228,11 @@ namespace {
 // real path; every message names the path and the exported verification call.
 // A failure that would escape as an exception (such as exhausted memory)
 // refuses the file: the gate fails closed, and no caller can take an exception.
+// Not noexcept: the unwinding of a cancelled thread must pass through it, and
+// from a noexcept function the rethrow below would end the process instead.
 // `decision` (when given) learns which step decided and, when the signature
 // was checked, the result.
-int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision) noexcept try {
+int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision) try {
     static const char* const c_entry = "verifyFileWihtoutKey";
     const auto decided = [decision](int step, int result) {
         if (decision != nullptr) {
@@ -226,8 +252,16 @@ int decide(const char* fileName, const char* caller, const int* descriptor, kzol
     char resolved[4097];
     std::memset(resolved, 0, sizeof(resolved));
     if (context.checkFileIsInRWUser(fileName, resolved) != 0) {
-        decided(KZOL_STEP_OUTSIDE_AREAS, BS_ERROR);
-        return 1;
+        // An existing file whose real path cannot be resolved (other than by
+        // having gone) is, when the gate holds, checked by the name given:
+        // it exists, so the name is shorter than the buffer.
+        const bool unresolved = errno != 0 && errno != ENOENT;
+        if (!unresolved || !c_failClosed) {
+            decided(KZOL_STEP_OUTSIDE_AREAS, BS_ERROR);
+            return 1;
+        }
+        std::memset(resolved, 0, sizeof(resolved));
+        std::strncpy(resolved, fileName, sizeof(resolved) - 1);
     }
     if (!IsDTV()) {
         decided(KZOL_STEP_NOT_TELEVISION, BS_ERROR);
@@ -264,6 +298,8 @@ int decide(const char* fileName, const char* caller, const int* descriptor, kzol
         KZOL_LOGE_IN(c_entry, "[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m", callerName);
     }
     return 0;
+} catch (abi::__forced_unwind&) {
+    throw;  // the thread is being cancelled: its unwinding must go on
 } catch (...) {
     if (decision != nullptr) {
         decision->step = KZOL_STEP_FAILURE;

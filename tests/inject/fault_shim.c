@@ -1,0 +1,327 @@
+/* Failure injection at the process boundary, preloaded into the injection
+ * driver. While armed, every fallible call the process makes through the
+ * dynamic linker is counted: allocation (malloc, calloc, realloc, which is
+ * also every allocation OpenSSL makes), open, fopen, fdopen, fstat, fcntl,
+ * fread, fgets, realpath, socket, connect, send, select, poll. The call whose
+ * number is the one asked for fails the way the system would fail it (no
+ * memory, no descriptor left, a read error, a refused connection); every
+ * other call goes through. A short-send mode makes every send move at most
+ * three bytes. The realtime clock is fixed, so that report frames of two runs
+ * compare byte for byte.
+ *
+ * The driver talks to the shim through three functions found with dlsym:
+ * kzol_inject_arm(k, shortSend) starts counting (k = 0 fails nothing),
+ * kzol_inject_disarm() stops and answers the count, kzol_inject_site() names
+ * the call that failed and whether it failed inside the two policy steps that
+ * the described policy lets fail open. */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <time.h>
+
+extern void* __libc_malloc(size_t);
+extern void* __libc_calloc(size_t, size_t);
+extern void* __libc_realloc(void*, size_t);
+
+static long g_count;
+static long g_failAt;
+static int g_armed;
+static int g_shortSend;
+static __thread int t_inside;
+static char g_site[512];
+
+#define EXPORTED __attribute__((visibility("default")))
+
+EXPORTED void kzol_inject_arm(long failAt, int shortSend)
+{
+    g_count = 0;
+    g_failAt = failAt;
+    g_site[0] = '\0';
+    g_shortSend = shortSend;
+    __atomic_store_n(&g_armed, 1, __ATOMIC_SEQ_CST);
+}
+
+EXPORTED long kzol_inject_disarm(void)
+{
+    __atomic_store_n(&g_armed, 0, __ATOMIC_SEQ_CST);
+    return g_count;
+}
+
+EXPORTED const char* kzol_inject_site(void)
+{
+    return g_site;
+}
+
+/* Which call the stack shows: the documented fail-open steps are the
+ * television test and the area test. */
+static void recordSite(const char* name)
+{
+    void* frames[64];
+    const int depth = backtrace(frames, 64);
+    const char* step = "";
+    for (int i = 0; i < depth && step[0] == '\0'; ++i) {
+        Dl_info info;
+        if (dladdr(frames[i], &info) == 0 || info.dli_sname == NULL) {
+            continue;
+        }
+        if (strstr(info.dli_sname, "IsDTV") != NULL) {
+            step = " in IsDTV";
+        } else if (strstr(info.dli_sname, "checkFileIsInRWUser") != NULL) {
+            step = " in checkFileIsInRWUser";
+        }
+    }
+    snprintf(g_site, sizeof(g_site), "%s%s", name, step);
+}
+
+/* Whether this call is the one to fail. Calls made while the shim itself
+ * works (resolving a symbol, taking a backtrace) are not counted. */
+static int failing(const char* name)
+{
+    if (!__atomic_load_n(&g_armed, __ATOMIC_SEQ_CST) || t_inside) {
+        return 0;
+    }
+    const long n = __atomic_add_fetch(&g_count, 1, __ATOMIC_SEQ_CST);
+    if (n != g_failAt) {
+        return 0;
+    }
+    t_inside = 1;
+    recordSite(name);
+    t_inside = 0;
+    return 1;
+}
+
+static void* next(const char* name)
+{
+    t_inside = 1;
+    void* f = dlsym(RTLD_NEXT, name);
+    t_inside = 0;
+    if (f == NULL) {
+        abort();
+    }
+    return f;
+}
+#define NEXT(name)                    \
+    static __typeof__(&name) real;    \
+    if (real == NULL)                 \
+    real = (__typeof__(&name))next(#name)
+
+EXPORTED void* malloc(size_t size)
+{
+    if (failing("malloc")) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    return __libc_malloc(size);
+}
+
+EXPORTED void* calloc(size_t count, size_t size)
+{
+    if (failing("calloc")) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    return __libc_calloc(count, size);
+}
+
+EXPORTED void* realloc(void* p, size_t size)
+{
+    if (failing("realloc")) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    return __libc_realloc(p, size);
+}
+
+static int openFlagsMode(int flags, va_list args)
+{
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, int) : 0;
+}
+
+EXPORTED int open(const char* path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    const int mode = openFlagsMode(flags, args);
+    va_end(args);
+    NEXT(open);
+    if (failing("open")) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(path, flags, mode);
+}
+
+EXPORTED int open64(const char* path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    const int mode = openFlagsMode(flags, args);
+    va_end(args);
+    NEXT(open64);
+    if (failing("open")) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(path, flags, mode);
+}
+
+EXPORTED FILE* fopen(const char* path, const char* mode)
+{
+    NEXT(fopen);
+    if (failing("fopen")) {
+        errno = EMFILE;
+        return NULL;
+    }
+    return real(path, mode);
+}
+
+EXPORTED FILE* fopen64(const char* path, const char* mode)
+{
+    NEXT(fopen64);
+    if (failing("fopen")) {
+        errno = EMFILE;
+        return NULL;
+    }
+    return real(path, mode);
+}
+
+EXPORTED FILE* fdopen(int fd, const char* mode)
+{
+    NEXT(fdopen);
+    if (failing("fdopen")) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    return real(fd, mode);
+}
+
+EXPORTED int fstat(int fd, struct stat* status)
+{
+    NEXT(fstat);
+    if (failing("fstat")) {
+        errno = EIO;
+        return -1;
+    }
+    return real(fd, status);
+}
+
+EXPORTED int fcntl(int fd, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    void* argument = va_arg(args, void*);
+    va_end(args);
+    NEXT(fcntl);
+    if (failing("fcntl")) {
+        errno = EIO;
+        return -1;
+    }
+    return real(fd, command, argument);
+}
+
+/* A failed read leaves the stream's error indicator set, as a real one does. */
+EXPORTED size_t fread(void* buffer, size_t size, size_t count, FILE* stream)
+{
+    NEXT(fread);
+    if (failing("fread")) {
+        stream->_flags |= _IO_ERR_SEEN;
+        errno = EIO;
+        return 0;
+    }
+    return real(buffer, size, count, stream);
+}
+
+EXPORTED char* fgets(char* buffer, int size, FILE* stream)
+{
+    NEXT(fgets);
+    if (failing("fgets")) {
+        stream->_flags |= _IO_ERR_SEEN;
+        errno = EIO;
+        return NULL;
+    }
+    return real(buffer, size, stream);
+}
+
+EXPORTED char* realpath(const char* path, char* resolved)
+{
+    NEXT(realpath);
+    if (failing("realpath")) {
+        errno = ENOMEM;
+        return NULL;
+    }
+    return real(path, resolved);
+}
+
+EXPORTED int socket(int domain, int type, int protocol)
+{
+    NEXT(socket);
+    if (failing("socket")) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(domain, type, protocol);
+}
+
+EXPORTED int connect(int fd, const struct sockaddr* address, socklen_t length)
+{
+    NEXT(connect);
+    if (failing("connect")) {
+        errno = ECONNREFUSED;
+        return -1;
+    }
+    return real(fd, address, length);
+}
+
+EXPORTED ssize_t send(int fd, const void* buffer, size_t length, int flags)
+{
+    NEXT(send);
+    if (failing("send")) {
+        errno = EPIPE;
+        return -1;
+    }
+    if (g_shortSend && __atomic_load_n(&g_armed, __ATOMIC_SEQ_CST) && length > 3) {
+        length = 3;
+    }
+    return real(fd, buffer, length, flags);
+}
+
+EXPORTED int select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* timeout)
+{
+    NEXT(select);
+    if (failing("select")) {
+        errno = EINTR;
+        return -1;
+    }
+    return real(n, r, w, e, timeout);
+}
+
+EXPORTED int poll(struct pollfd* fds, nfds_t n, int timeout)
+{
+    NEXT(poll);
+    if (failing("poll")) {
+        errno = EINTR;
+        return -1;
+    }
+    return real(fds, n, timeout);
+}
+
+EXPORTED int clock_gettime(clockid_t clock, struct timespec* now)
+{
+    NEXT(clock_gettime);
+    if (clock == CLOCK_REALTIME && __atomic_load_n(&g_armed, __ATOMIC_SEQ_CST)) {
+        now->tv_sec = 3723;
+        now->tv_nsec = 4000;
+        return 0;
+    }
+    return real(clock, now);
+}

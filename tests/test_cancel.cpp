@@ -1,0 +1,185 @@
+// Cancellation of a thread inside each exported entry point: the thread ends
+// as cancelled, the process lives on, and the library keeps no descriptor.
+// Each row runs in a child process of its own, so that a row whose
+// cancellation takes the process down fails alone, with its name.
+
+#include <dirent.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "device.h"
+#include "handles.h"
+#include "kZOLUser.h"
+
+using namespace kzol_test;
+
+namespace {
+
+const std::string c_script = "#!/bin/sh\necho 'from the user area'\n";
+
+// What a row's child reports through its exit status.
+enum Outcome : int { c_cancelled = 0, c_returned = 1, c_leaked = 2, c_stuck = 3, c_setupFailed = 4 };
+
+int openDescriptors()
+{
+    int count = 0;
+    DIR* dir = opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    while (const dirent* entry = readdir(dir)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    (void)closedir(dir);
+    return count;
+}
+
+// The daemon's name taken by a listener that never accepts, its queue full:
+// the library's connect waits for as long as the daemon likes.
+struct DeafDaemon {
+    UniqueFd listener;
+    std::vector<UniqueFd> queued;
+    bool ready = false;
+    DeafDaemon()
+    {
+        sockaddr_un address{AF_UNIX, {}};
+        std::memcpy(address.sun_path + 1, "SfDaemon/UserMsg", 16);
+        const auto* a = reinterpret_cast<const sockaddr*>(&address);
+        listener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (!listener || bind(listener.get(), a, sizeof(address)) != 0 || listen(listener.get(), 0) != 0) {
+            return;
+        }
+        for (int i = 0; i < 64; ++i) {
+            UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            if (connect(client.get(), a, sizeof(address)) != 0) {
+                ready = errno == EAGAIN;
+                return;
+            }
+            queued.push_back(std::move(client));
+        }
+    }
+};
+
+struct Call {
+    std::function<int()> entry;
+    bool cancelFirst;  // a cancellation is pending when the call starts
+};
+
+void* runCall(void* argument)
+{
+    const auto* call = static_cast<const Call*>(argument);
+    if (call->cancelFirst) {
+        (void)pthread_cancel(pthread_self());
+    }
+    (void)call->entry();
+    return nullptr;
+}
+
+// In the child: runs the call on a thread of its own, cancelled before it
+// starts or once it has had time to block, and tells how the thread ended.
+Outcome cancelInside(const Call& call, bool daemonDeaf)
+{
+    const DeafDaemon daemon;
+    if (daemonDeaf && !daemon.ready) {
+        return c_setupFailed;
+    }
+    const int before = openDescriptors();
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, runCall, const_cast<Call*>(&call)) != 0) {
+        return c_setupFailed;
+    }
+    if (!call.cancelFirst) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        (void)pthread_cancel(thread);
+    }
+    // Polled: the suites fix this program's clock for the report numbers.
+    void* result = nullptr;
+    int joined = EBUSY;
+    for (int wait = 0; wait < 2000 && joined == EBUSY; ++wait) {
+        joined = pthread_tryjoin_np(thread, &result);
+        if (joined == EBUSY) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    if (joined != 0) {
+        return c_stuck;
+    }
+    if (result != PTHREAD_CANCELED) {
+        return c_returned;
+    }
+    return openDescriptors() == before ? c_cancelled : c_leaked;
+}
+
+std::string described(int status)
+{
+    if (!WIFEXITED(status)) {
+        return "process killed by signal " + std::to_string(WTERMSIG(status));
+    }
+    switch (WEXITSTATUS(status)) {
+    case c_cancelled: return "thread cancelled";
+    case c_returned: return "thread ran to its end";
+    case c_leaked: return "thread cancelled, descriptor left open";
+    case c_stuck: return "thread still running";
+    default: return "setup failed";
+    }
+}
+
+}  // namespace
+
+TEST(Cancellation, EndsTheThreadNotTheProcess)
+{
+    const TempDir dir("/tmp");
+    const std::string area = std::filesystem::canonical(dir.path());
+    const std::string unsignedOne = area + "/unsigned.sh", signedOne = area + "/signed.sh";
+    writeFile(unsignedOne, c_script);
+    writeFile(signedOne, signedFile(c_script, "P50", devPrivateKey('5')));
+    const auto check = [](const std::string& path) {
+        return [path] { return verifyFileWihtoutKey(path.c_str(), "loader"); };
+    };
+    const auto checkOld = [](const std::string& path) {
+        return [path] { return verifyFile(nullptr, path.c_str(), "loader"); };
+    };
+    const auto report = [](int type) {
+        return [type] { return SendSecurityReport("task", "SCRIPT", "/tmp/x.sh", "text", type); };
+    };
+
+    struct Row {
+        const char* name;
+        std::function<int()> entry;
+        bool cancelFirst;
+        bool daemonDeaf;
+    };
+    const Row rows[] = {
+        {"pending: verifyFileWihtoutKey, signed file", check(signedOne), true, false},
+        {"pending: verifyFileWihtoutKey, unsigned file", check(unsignedOne), true, false},
+        {"pending: verifyFile, unsigned file", checkOld(unsignedOne), true, false},
+        {"pending: SendSecurityReport, file and data report", report(3), true, false},
+        {"pending: SendSecurityReport, log report", report(0), true, false},
+        {"deaf daemon: verifyFileWihtoutKey reporting a refusal", check(unsignedOne), false, true},
+        {"deaf daemon: verifyFile reporting a refusal", checkOld(unsignedOne), false, true},
+        {"deaf daemon: SendSecurityReport", report(1), false, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const DeviceProfile device;
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            _exit(cancelInside(Call{row.entry, row.cancelFirst}, row.daemonDeaf));
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(described(status), "thread cancelled");
+    }
+}
