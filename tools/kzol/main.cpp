@@ -18,7 +18,6 @@ int main(int argc, char** argv)
     int status = kzol::c_exitSuccess;
     bool verbose = false;
     app.add_flag("-v,--verbose", verbose, "Show the library's own log lines (coloured only on a terminal)");
-    app.fallthrough();
     // Decided before any command runs.
     app.parse_complete_callback([&verbose] { kzol::setLibraryLogShown(verbose, kzol::colourWanted(2)); });
     kzol::addKeygenCommand(app, status);
@@ -34,6 +33,11 @@ int main(int argc, char** argv)
     kzol::addKeysCommand(app, status);
     kzol::addAuditCommand(app, status);
     kzol::addExecCommand(app, status);
+    // -v may also follow a command's own arguments, except where those
+    // arguments are handed on to another program.
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+        command->fallthrough(command->get_name() != "exec" && command->get_name() != "emulate");
+    }
 
     try {
         app.parse(argc, argv);
