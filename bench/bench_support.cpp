@@ -168,8 +168,7 @@ std::string lengthField(std::size_t textLength)
 {
     const unsigned char be[4] = {static_cast<unsigned char>(textLength >> 24),
                                  static_cast<unsigned char>(textLength >> 16),
-                                 static_cast<unsigned char>(textLength >> 8),
-                                 static_cast<unsigned char>(textLength)};
+                                 static_cast<unsigned char>(textLength >> 8), static_cast<unsigned char>(textLength)};
     unsigned char field[9] = {};
     EVP_EncodeBlock(field, be, sizeof(be));
     return std::string(reinterpret_cast<const char*>(field), 8);
@@ -323,9 +322,12 @@ void registerAllFamilies(const Workspace& workspace)
 bool decodeMpiText(const char* text, std::size_t length, std::vector<unsigned char>& raw)
 {
     auto nibble = [](char c) -> int {
-        if (c >= '0' && c <= '9') return c - '0';
-        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-        if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
         return -1;
     };
     if (length < 4 || (length & 1) != 0 || text[0] != '0' || text[1] != 'x') {

@@ -6,12 +6,12 @@
 #include <openssl/bio.h>
 #include <openssl/evp.h>
 
+#include "handles.h"
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
-#include "handles.h"
 
 namespace kzol_bench {
 
@@ -20,7 +20,6 @@ using ::EvpMdCtxPtr;
 using ::EvpPkeyCtxPtr;
 using ::EvpPkeyPtr;
 
-
 // Content sizes of the signed files, in bytes: 4 KiB, 64 KiB, 1 MiB, 16 MiB.
 const std::vector<std::size_t>& contentSizes();
 
@@ -28,9 +27,9 @@ const std::vector<std::size_t>& contentSizes();
 struct SignedFile {
     std::size_t contentSize = 0;
     std::string path;
-    std::string bytes;          // the whole file
-    std::size_t offset = 0;     // length of the signed region (content + metadata)
-    std::string mpiText;        // "0x" and the hexadecimal digits, as in the file
+    std::string bytes;                        // the whole file
+    std::size_t offset = 0;                   // length of the signed region (content + metadata)
+    std::string mpiText;                      // "0x" and the hexadecimal digits, as in the file
     std::vector<unsigned char> rawSignature;  // the 256 bytes the text encodes
 };
 

@@ -71,7 +71,8 @@ public:
 private:
     void serve()
     {
-        for (UniqueFd connection; connection.reset(accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC)), connection;) {
+        for (UniqueFd connection;
+             connection.reset(accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC)), connection;) {
             char buffer[4096];
             std::size_t total = 0;
             for (ssize_t n; (n = read(connection.get(), buffer, sizeof(buffer))) > 0;) {
@@ -149,8 +150,7 @@ void registerEntry(const Workspace& workspace)
     timed(benchmark::RegisterBenchmark("entry/verify_and_report", [=](benchmark::State& state) {
         for (auto _ : state) {
             if (BSContext().verifyFile(tampered, "bench") != BS_SIGNATURE_INCORRECT ||
-                SendSecurityReport("bench", "SCRIPT", tampered.c_str(), "refused", 1) != 0 ||
-                !listener().delivered()) {
+                SendSecurityReport("bench", "SCRIPT", tampered.c_str(), "refused", 1) != 0 || !listener().delivered()) {
                 state.SkipWithError("verification, report or its delivery failed");
                 break;
             }
@@ -158,8 +158,7 @@ void registerEntry(const Workspace& workspace)
     }));
     timed(benchmark::RegisterBenchmark("report/round_trip", [=](benchmark::State& state) {
         for (auto _ : state) {
-            if (SendSecurityReport("bench", "SCRIPT", tampered.c_str(), "refused", 1) != 0 ||
-                !listener().delivered()) {
+            if (SendSecurityReport("bench", "SCRIPT", tampered.c_str(), "refused", 1) != 0 || !listener().delivered()) {
                 state.SkipWithError("the report did not arrive");
                 break;
             }
@@ -171,7 +170,9 @@ void registerEntry(const Workspace& workspace)
     // The part of every check that OpenSSL serialises: the key text parsed
     // into a key (the library parses it for each file it verifies).
     const std::string pem = workspace.publicKeyPem();
-    timed(benchmark::RegisterBenchmark("threads/key_load", [pem](benchmark::State& state) {
+    timed(benchmark::RegisterBenchmark(
+              "threads/key_load",
+              [pem](benchmark::State& state) {
         for (auto _ : state) {
             VerifyContext context;
             if (!context.loadPublicKey(pem)) {
@@ -179,7 +180,9 @@ void registerEntry(const Workspace& workspace)
                 break;
             }
         }
-    }))->Threads(1)->Threads(2);
+              }))
+        ->Threads(1)
+        ->Threads(2);
 }
 
 const Family c_entryFamily("entry", registerEntry);

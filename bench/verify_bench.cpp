@@ -130,8 +130,8 @@ void rsaVerifyOnly(benchmark::State& state, const Workspace& workspace)
         if (!ctx || EVP_PKEY_verify_init(ctx.get()) != 1 ||
             EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
             EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256()) <= 0 ||
-            EVP_PKEY_verify(ctx.get(), file->rawSignature.data(), file->rawSignature.size(), digest,
-                            sizeof(digest)) != 1) {
+            EVP_PKEY_verify(ctx.get(), file->rawSignature.data(), file->rawSignature.size(), digest, sizeof(digest)) !=
+                1) {
             state.SkipWithError("RSA verification failed");
             break;
         }

@@ -27,9 +27,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t offset = signature.offset();
     const size_t length = signature.size() - 1;
     if (signature.empty() || signature.back() != '\0' || offset <= 3 || offset + length + 12 > size ||
-        std::memcmp(signature.data(), data + offset, length) != 0 ||
-        (meta.sigType != 'L' && meta.sigType != 'P') || meta.sigType != static_cast<char>(data[offset - 3]) ||
-        meta.keyId != static_cast<char>(data[offset - 2])) {
+        std::memcmp(signature.data(), data + offset, length) != 0 || (meta.sigType != 'L' && meta.sigType != 'P') ||
+        meta.sigType != static_cast<char>(data[offset - 3]) || meta.keyId != static_cast<char>(data[offset - 2])) {
         std::abort();
     }
     ByteBuffer tail;

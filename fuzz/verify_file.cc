@@ -40,7 +40,8 @@ bool opensslAgrees(const uint8_t* data, const Signature& signature, char selecto
         return false;
     }
     const EvpMdCtxPtr context(EVP_MD_CTX_new());
-    return EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, (selector == '5' ? key5 : key6).get()) == 1 &&
+    return EVP_DigestVerifyInit(context.get(), nullptr, EVP_sha256(), nullptr, (selector == '5' ? key5 : key6).get()) ==
+               1 &&
            EVP_DigestVerifyUpdate(context.get(), data, signature.offset()) == 1 &&
            EVP_DigestVerifyFinal(context.get(), raw.data(), raw.size()) == 1;
 }
@@ -58,17 +59,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     switch (result) {
     case BS_ERROR:
     case BS_NOT_SIGNED:
-    case BS_SIGNATURE_INCORRECT:
-        return 0;
-    case BS_SIGNATURE_CORRECT:
-        break;
-    default:
-        std::abort();
+    case BS_SIGNATURE_INCORRECT: return 0;
+    case BS_SIGNATURE_CORRECT: break;
+    default: std::abort();
     }
     Signature signature;
     _ZolSigMeta meta{};
-    if (!signature.loadFromFile(path, meta) || meta.sigType != 'P' ||
-        (meta.keyId != '5' && meta.keyId != '6') || !opensslAgrees(data, signature, meta.keyId)) {
+    if (!signature.loadFromFile(path, meta) || meta.sigType != 'P' || (meta.keyId != '5' && meta.keyId != '6') ||
+        !opensslAgrees(data, signature, meta.keyId)) {
         std::abort();
     }
     return 0;

@@ -71,8 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (at == text.size() && read) {
             std::abort();  // one number: the type was taken from nowhere
         }
-        if (gap > 0 && readNumber(text, at, type) &&
-            (!read || content.level != level || content.type != type)) {
+        if (gap > 0 && readNumber(text, at, type) && (!read || content.level != level || content.type != type)) {
             std::abort();
         }
     }

@@ -32,17 +32,22 @@ static std::string encode(const std::string& input, unsigned int capacity)
 TEST(Base64, KnownTextsRoundTripsAndTheDecodeResultRule)
 {
     // encodes: `bytes` also encode to `text` (into exactly its size).
-    struct Case { std::string text, bytes; bool result, encodes; };
+    struct Case {
+        std::string text, bytes;
+        bool result, encodes;
+    };
     const std::vector<Case> cases = {
         {"QQ==", "A", true, true},
         {"QUI=", "AB", true, true},
-        {"//79", "\xff\xfe\xfd", false, true},   // no stop character
-        {"QUJDRA", "ABCD", false, false},        // unpadded
-        {"QUJD\n", "ABC", true, false},          // stop at the last character
-        {"QUJDRA=X", "ABCD", true, false},       // stop one before the last; the last is not examined
-        {"QQ==QUJD", "A", false, false},         // early stop, rest unread
-        {"QQ\x80" "A", "A", true, false},        // bytes >= 0x80 stop
-        {"Q", "", false, false},                 // one pending character gives nothing
+        {"//79", "\xff\xfe\xfd", false, true},  // no stop character
+        {"QUJDRA", "ABCD", false, false},       // unpadded
+        {"QUJD\n", "ABC", true, false},         // stop at the last character
+        {"QUJDRA=X", "ABCD", true, false},      // stop one before the last; the last is not examined
+        {"QQ==QUJD", "A", false, false},        // early stop, rest unread
+        {"QQ\x80"
+         "A",
+         "A", true, false},                                         // bytes >= 0x80 stop
+        {"Q", "", false, false},                                    // one pending character gives nothing
         {"AAACAh==", std::string("\0\0\x02\x02", 4), true, false},  // low bits of the sixth dropped
     };
     for (const auto& c : cases) {
@@ -86,15 +91,20 @@ TEST(Base64, KnownTextsRoundTripsAndTheDecodeResultRule)
 TEST(MpiString, RefusalsAndTheirLog)
 {
     const auto bad = kzol_test::errorLine("string_utils.cpp", "fromMPIString", "fromMPIString(): invalid value found");
-    struct Case { std::string input; bool result; ByteBuffer data; bool logged; };  // data pre-filled with 0xEE
+    struct Case {
+        std::string input;
+        bool result;
+        ByteBuffer data;
+        bool logged;
+    };  // data pre-filled with 0xEE
     const std::vector<Case> cases = {
         {std::string("0xFfeE\0", 7), true, {0xFF, 0xEE}, false},  // upper-case digits accepted
-        {std::string("0X00\0", 5), false, {0xEE}, false},        // upper-case X refused silently
-        {std::string("0x00", 4), false, {0xEE}, false},          // no NUL
+        {std::string("0X00\0", 5), false, {0xEE}, false},         // upper-case X refused silently
+        {std::string("0x00", 4), false, {0xEE}, false},           // no NUL
         {std::string("1x00\0", 5), false, {0xEE}, false},
-        {std::string("0x001\0", 6), false, {0x00}, true},        // odd digit count reaches the NUL
-        {std::string("0x00g1\0", 7), false, {0x00}, true},       // the bytes before the bad digit stay
-        {std::string("0x0\0\0", 5), false, {}, true},            // an embedded NUL is no digit
+        {std::string("0x001\0", 6), false, {0x00}, true},   // odd digit count reaches the NUL
+        {std::string("0x00g1\0", 7), false, {0x00}, true},  // the bytes before the bad digit stay
+        {std::string("0x0\0\0", 5), false, {}, true},       // an embedded NUL is no digit
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.input);

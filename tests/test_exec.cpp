@@ -33,7 +33,9 @@ struct Television {
     }
     // `kzol ARGS` under the emulation, run in `dir`.
     int emulated(const std::string& args, std::string* out, const std::string& dir = ".") const
-    { return kzol("emulate " + shq(profile) + " -- " + shq(KZOL_TOOL) + " " + args, out, dir); }
+    {
+        return kzol("emulate " + shq(profile) + " -- " + shq(KZOL_TOOL) + " " + args, out, dir);
+    }
 };
 
 // A process that swaps the names `a` and `b` as fast as it can, until destroyed.

@@ -106,8 +106,8 @@ TEST(GateFaults, RealPathBeyondTheLongestPath)
         DaemonListener daemon;
         clearLog();
         EXPECT_EQ(verifyFileWihtoutKey("run.sh", "loader"), row.answer);
-        EXPECT_EQ(loggedLines().at(0), errorLine("bs_context.cpp", "checkFileIsInRWUser",
-                                                 "realpath() error : File name too long;"));
+        EXPECT_EQ(loggedLines().at(0),
+                  errorLine("bs_context.cpp", "checkFileIsInRWUser", "realpath() error : File name too long;"));
         EXPECT_EQ(daemon.drain(), row.reported ? Lines{refusal("run.sh")} : Lines{});
         // The default build asks nothing of the device about such a file.
         EXPECT_EQ(device.takeTrace().empty(), !c_failClosed);

@@ -80,7 +80,8 @@ TEST(HostileFiles, DefiniteAnswers)
         std::string err;  // the readability probe's line; the verification's own lines follow
     };
     const auto probe = [&](const std::string& name, int error) {
-        return "\033[1;31m[zol][" + at(name) + ":" + std::strerror(error) + "][" + std::to_string(error) + "];\033[0m\n";
+        return "\033[1;31m[zol][" + at(name) + ":" + std::strerror(error) + "][" + std::to_string(error) +
+               "];\033[0m\n";
     };
     std::vector<Case> cases = {
         {"fifo without a writer", at("fifo"), 0, true, probe("fifo", ENXIO)},

@@ -26,7 +26,9 @@ static Files snapshot(const std::string& dir)
 }
 
 static std::string signArgs(const std::string& key, char keyId)
-{ return "sign --key " + shq(key) + " --key-id " + keyId + " "; }
+{
+    return "sign --key " + shq(key) + " --key-id " + keyId + " ";
+}
 
 TEST(KzolKeygen, WritesTwinKeysButOverwritesOnlyWithForce)
 {
@@ -60,10 +62,16 @@ TEST(KzolSign, SignedFilesAndFailures)
     const TempDir keys;
     ASSERT_EQ(run("openssl genrsa -out " + shq(keys.file("rsa1024.pem")) + " 1024 2>/dev/null"), 0);
     const std::string content = "#!/bin/sh\necho \"hello\"\n\x01\x80\xff binary tail\n";
-    const std::string key5 = signArgs(devPrivateKey('5'), '5'), signed5 = signedFile(content, "P50", devPrivateKey('5'));
+    const std::string key5 = signArgs(devPrivateKey('5'), '5'),
+                      signed5 = signedFile(content, "P50", devPrivateKey('5'));
     // output: on success, holding `bytes`; mode: of script.sh
-    struct Case { std::string input, args; int status; const char *says, *output = ""; std::string bytes = "";
-                  int mode = 0640; };
+    struct Case {
+        std::string input, args;
+        int status;
+        const char *says, *output = "";
+        std::string bytes = "";
+        int mode = 0640;
+    };
     const std::vector<Case> cases = {
         {content, key5 + "script.sh", 0, "", "script.sh", signed5, 0750},
         // Blanks after a block leave it the file's block; --force replaces it.
@@ -110,7 +118,13 @@ static Json::Value parseJson(const std::string& text)
 TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
 {
     // json: the members that the row names, as in the --json object.
-    struct Case { const char* name; std::string bytes; int status; const char* says; const char* json; };
+    struct Case {
+        const char* name;
+        std::string bytes;
+        int status;
+        const char* says;
+        const char* json;
+    };
     const std::vector<Case> cases = {
         {"signed, CRLF after", signedFile("data", "P60", devPrivateKey('6')) + "\r\n", 0, "signature block loaded",
          R"j({"loaded": true, "offset": 7, "type": "P", "key_id": "6", "signature_length": 256,
@@ -123,8 +137,11 @@ TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
          R"j({"loaded": false, "offset": 7, "type": "X", "key_id": "5", "signature_length": null,
               "trailing_blanks": 0, "reason": "bad type character 'X' (0x58): the reader accepts only 'L' and 'P'"})j"},
         // Bytes that are not UTF-8 come out as the characters of their numbers.
-        {"raw byte type", blockAfter("data\xe9\xff" "0", "0x0102abcd"), 1, "bad type character",
-         R"j({"type": "\u00e9", "key_id": "\u00ff", "length_field": "AAAACg=="})j"},
+        {"raw byte type",
+         blockAfter("data\xe9\xff"
+                    "0",
+                    "0x0102abcd"),
+         1, "bad type character", R"j({"type": "\u00e9", "key_id": "\u00ff", "length_field": "AAAACg=="})j"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

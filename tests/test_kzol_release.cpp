@@ -48,7 +48,10 @@ TEST_F(KzolRelease, BatchSignThenVerifyWithTheDeploymentsKeys)
     }
     std::string out;
     ASSERT_EQ(kzol("sign -j 2 --keys " + shq(s_keys->path()) + " --key " + shq(key("private_key_5.pem")) +
-                   " --key-id 5 " + list, &out, work.path(), true), 0) << out;
+                       " --key-id 5 " + list,
+                   &out, work.path(), true),
+              0)
+        << out;
     EXPECT_NE(out.find("12 signed, 0 skipped, 0 failed\n"), std::string::npos) << out;
     // One byte changed after signing.
     std::string tampered = readFile(work.file("s3.sh"));
@@ -57,10 +60,16 @@ TEST_F(KzolRelease, BatchSignThenVerifyWithTheDeploymentsKeys)
 
     std::string expected;
     for (int i = 0; i < 12; ++i) {
-        expected += "s" + std::to_string(i) + ".sh: " + (i == 3 ? "BS_SIGNATURE_INCORRECT" : "BS_SIGNATURE_CORRECT") + "\n";
+        expected +=
+            "s" + std::to_string(i) + ".sh: " + (i == 3 ? "BS_SIGNATURE_INCORRECT" : "BS_SIGNATURE_CORRECT") + "\n";
     }
     const std::string keys5 = " --pubkey 5=" + shq(key("public_key_5.pem")) + " ";
-    struct Case { const char* name; std::string args; int status; std::string out; };
+    struct Case {
+        const char* name;
+        std::string args;
+        int status;
+        std::string out;
+    };
     const std::vector<Case> cases = {
         {"deployment keys", "verify --keys " + shq(s_keys->path()) + " " + list, 1, expected},
         {"one file, bare result", "verify --keys " + shq(s_keys->path()) + " s0.sh", 0, "BS_SIGNATURE_CORRECT\n"},
@@ -68,9 +77,11 @@ TEST_F(KzolRelease, BatchSignThenVerifyWithTheDeploymentsKeys)
         {"single public key", "verify" + keys5 + "s1.sh", 0, "BS_SIGNATURE_CORRECT\n"},
         {"the other selector's key given", "verify --pubkey 5=" + shq(key("public_key_6.pem")) + " s1.sh", 1,
          "BS_SIGNATURE_INCORRECT\n"},
-        {"selector without a given key", "verify --pubkey 6=" + shq(key("public_key_6.pem")) + " s1.sh", 1, "BS_ERROR\n"},
-        {"--pubkey over the directory", "verify --keys " + shq(s_keys->path()) + " --pubkey 5=" +
-                                            shq(devPublicKey('5')) + " s1.sh", 1, "BS_SIGNATURE_INCORRECT\n"},
+        {"selector without a given key", "verify --pubkey 6=" + shq(key("public_key_6.pem")) + " s1.sh", 1,
+         "BS_ERROR\n"},
+        {"--pubkey over the directory",
+         "verify --keys " + shq(s_keys->path()) + " --pubkey 5=" + shq(devPublicKey('5')) + " s1.sh", 1,
+         "BS_SIGNATURE_INCORRECT\n"},
         {"missing file among good ones", "verify" + keys5 + "s0.sh nothere s1.sh", 2,
          "s0.sh: BS_SIGNATURE_CORRECT\ns1.sh: BS_SIGNATURE_CORRECT\n"},
         {"private key as public key", "verify --pubkey 5=" + shq(key("private_key_5.pem")) + " s0.sh", 2, ""},
@@ -88,10 +99,16 @@ TEST_F(KzolRelease, KeysNamesFingerprintsAndTheDevelopmentKeys)
 {
     const std::string dev5 = sha256Hex(devPublicKey('5')), dev6 = sha256Hex(devPublicKey('6'));
     const std::string mine5 = sha256Hex(key("public_key_5.pem")), mine6 = sha256Hex(key("public_key_6.pem"));
-    const std::string builtIn = "built-in key 5: SHA256:" + dev5 + "\nbuilt-in key 6: SHA256:" + dev6 + "\n" +
+    const std::string builtIn =
+        "built-in key 5: SHA256:" + dev5 + "\nbuilt-in key 6: SHA256:" + dev6 + "\n" +
         "WARNING: this build verifies with the DEVELOPMENT keys of the source tree (keys/dev); their private halves"
         " are public, anyone can sign for it: never ship it\n";
-    struct Case { const char* name; std::string args; int status; std::string out; };
+    struct Case {
+        const char* name;
+        std::string args;
+        int status;
+        std::string out;
+    };
     const std::vector<Case> cases = {
         {"built-in only", "keys", 0, builtIn},
         {"the tree's own keys", "keys --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev"), 0,
@@ -119,13 +136,19 @@ TEST_F(KzolRelease, KeyAndTypeCheckedBeforeAnyFileIsTouched)
     const std::string dev5 = " --key " + shq(devPrivateKey('5')) + " ";
     const std::string dev6 = " --key " + shq(devPrivateKey('6')) + " ";
     const std::string fingerprint5 = "signing key: SHA256:" + sha256Hex(devPublicKey('5')) + "\n";
-    struct Case { const char* name; std::string args; int status; bool written; const char* says; };
+    struct Case {
+        const char* name;
+        std::string args;
+        int status;
+        bool written;
+        const char* says;
+    };
     const std::vector<Case> cases = {
         {"key 6 named as selector 5", "sign" + dev6 + "--key-id 5 a.sh", 2, false,
          "is the private half of the built-in key 6, not of key 5: its signatures would never verify; use --key-id 6"},
-        {"deployment key 5 as 6 against its keys", "sign --keys " + shq(s_keys->path()) + " --key " +
-                                                       shq(key("private_key_5.pem")) + " --key-id 6 a.sh",
-         2, false, "is the private half of the given key 5, not of key 6"},
+        {"deployment key 5 as 6 against its keys",
+         "sign --keys " + shq(s_keys->path()) + " --key " + shq(key("private_key_5.pem")) + " --key-id 6 a.sh", 2,
+         false, "is the private half of the given key 5, not of key 6"},
         {"unknown key warned about", "sign --key " + shq(key("private_key_5.pem")) + " --key-id 5 a.sh", 0, true,
          "kzol: warning: "},
         {"fingerprint of the key used", "sign" + dev5 + "--key-id 5 a.sh", 0, true, fingerprint5.c_str()},
@@ -194,7 +217,12 @@ TEST_F(KzolRelease, LibraryLinesOnlyWhenAskedFor)
     const TempDir work;
     writeFile(work.file("plain.sh"), "echo plain\n");
     writeFile(work.file("zero.sh"), blockAfter("echo zeroP50", "0x"));
-    struct Case { const char* name; std::string args; const char* has; bool empty; };
+    struct Case {
+        const char* name;
+        std::string args;
+        const char* has;
+        bool empty;
+    };
     const std::vector<Case> cases = {
         {"quiet by default", "verify plain.sh", "", true},
         {"platform log with -v first", "-v verify plain.sh", "Not Signed [ file_path : plain.sh ]", false},
@@ -219,30 +247,40 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
     const char* module = "/usr/lib/softhsm/libsofthsm2.so";
     ASSERT_TRUE(fs::exists(module)) << "softhsm2 is installed by scripts/bootstrap";
     const TempDir hsm, work;
-    writeFile(hsm.file("softhsm2.conf"), "directories.tokendir = " + hsm.file("tokens") + "\nobjectstore.backend = file\n");
+    writeFile(hsm.file("softhsm2.conf"),
+              "directories.tokendir = " + hsm.file("tokens") + "\nobjectstore.backend = file\n");
     fs::create_directories(hsm.file("tokens"));
     const std::string env = "SOFTHSM2_CONF=" + shq(hsm.file("softhsm2.conf")) + " ";
     ASSERT_EQ(run(env + "softhsm2-util --init-token --free --label release --so-pin 9999 --pin 1234 >/dev/null"), 0);
-    ASSERT_EQ(run("openssl pkcs8 -topk8 -nocrypt -in " + shq(devPrivateKey('5')) + " -out " + shq(hsm.file("k5.p8"))), 0);
+    ASSERT_EQ(run("openssl pkcs8 -topk8 -nocrypt -in " + shq(devPrivateKey('5')) + " -out " + shq(hsm.file("k5.p8"))),
+              0);
     ASSERT_EQ(run(env + "softhsm2-util --import " + shq(hsm.file("k5.p8")) +
-                  " --token release --label key5 --id 05 --pin 1234 >/dev/null"), 0);
+                  " --token release --label key5 --id 05 --pin 1234 >/dev/null"),
+              0);
     writeFile(hsm.file("pin"), "1234\n");
 
     const std::string content = "#!/bin/sh\necho from the token\n";
     const std::string uri = "pkcs11:token=release;object=key5?module-path=" + std::string(module);
     // extra: options after the key; env: before the command
-    struct Case { const char* name; std::string key; std::string extra; int status; const char* says;
-                  std::string env = ""; };
+    struct Case {
+        const char* name;
+        std::string key;
+        std::string extra;
+        int status;
+        const char* says;
+        std::string env = "";
+    };
     const std::vector<Case> cases = {
         {"PIN in the URI", uri + "&pin-value=1234", "", 0, "signed a.sh"},
-        {"PIN file, key by id", "pkcs11:token=release;id=%05", "--module " + std::string(module) + " --pin-file " +
-                                                                    shq(hsm.file("pin")), 0, "signed a.sh"},
+        {"PIN file, key by id", "pkcs11:token=release;id=%05",
+         "--module " + std::string(module) + " --pin-file " + shq(hsm.file("pin")), 0, "signed a.sh"},
         {"PIN from the environment", uri, "", 0, "signed a.sh", "KZOL_PKCS11_PIN=1234 "},
         {"no PIN anywhere", uri, "", 2, "the token needs a PIN"},
         {"wrong PIN", uri + "&pin-value=4321", "", 2, "PIN refused by the token"},
         {"no such key", "pkcs11:token=release;object=key6?pin-value=1234&module-path=" + std::string(module), "", 2,
          "no private key in the token matches"},
-        {"no such token", "pkcs11:token=other?module-path=" + std::string(module), "", 2, "no token labelled \"other\""},
+        {"no such token", "pkcs11:token=other?module-path=" + std::string(module), "", 2,
+         "no token labelled \"other\""},
         {"no module", "pkcs11:token=release", "", 2, "needs its module"},
         {"mistyped attribute", "pkcs11:tokn=release?module-path=" + std::string(module), "", 2,
          "unknown path attribute \"tokn\""},
@@ -253,18 +291,24 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
         writeFile(work.file("a.sh"), content);
         std::string text;
         EXPECT_EQ(run("cd " + shq(work.path()) + " && " + env + c.env + shq(KZOL_TOOL) + " sign --key " + shq(c.key) +
-                      " --key-id 5 " + c.extra + " a.sh 2>&1", &text), c.status);
+                          " --key-id 5 " + c.extra + " a.sh 2>&1",
+                      &text),
+                  c.status);
         EXPECT_NE(text.find(c.says), std::string::npos) << text;
         if (c.status == 0) {
             EXPECT_TRUE(readFile(work.file("a.sh")) == signedFile(content, "P50", devPrivateKey('5')));
-            EXPECT_EQ(kzol("verify --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev") + " a.sh", &text,
-                           work.path()), 0);
+            EXPECT_EQ(
+                kzol("verify --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev") + " a.sh", &text, work.path()),
+                0);
         }
     }
     // A disable certificate from the token.
     std::string text;
     EXPECT_EQ(run(env + shq(KZOL_TOOL) + " cert --key " + shq(uri + "&pin-value=1234") + " --key-id 5 --duid TV-7 -o " +
-                  shq(work.file("RTZOLOFF.cer")) + " 2>&1", &text), 0) << text;
+                      shq(work.file("RTZOLOFF.cer")) + " 2>&1",
+                  &text),
+              0)
+        << text;
 }
 
 // A tree of a few hundred files: the audit's class of each file is what
@@ -300,15 +344,19 @@ TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
     fs::create_symlink("/etc/hostname", tree.file("link-out"));
 
     // "path class" of every file, from the audit and from verify.
-    const std::string toLines = " | python3 -c 'import json,sys; d=json.load(sys.stdin); "
-                                "[print(f[\"path\"], f[\"class\"] + f.get(\"key\", \"\")) for f in d[\"files\"]]' | sort";
+    const std::string toLines =
+        " | python3 -c 'import json,sys; d=json.load(sys.stdin); "
+        "[print(f[\"path\"], f[\"class\"] + f.get(\"key\", \"\")) for f in d[\"files\"]]' | sort";
     std::string audited, verified, table;
     ASSERT_EQ(run(shq(KZOL_TOOL) + " audit -j 2 --json " + shq(tree.path()) + toLines, &audited), 0);
-    const std::string names = " | python3 -c 'import sys; [print(l.rstrip().rsplit(\": \", 1)[0], {\"BS_SIGNATURE_CORRECT\":"
-                              " \"correct\", \"BS_NOT_SIGNED\": \"not-signed\", \"BS_SIGNATURE_INCORRECT\": \"incorrect\","
-                              " \"BS_ERROR\": \"error\"}[l.rstrip().rsplit(\": \", 1)[1]]) for l in sys.stdin]' | sort";
-    EXPECT_EQ(run("cd / && find " + shq(tree.path()) + " -type f -print0 | xargs -0 " + shq(KZOL_TOOL) + " verify" + names,
-                  &verified), 0);
+    const std::string names =
+        " | python3 -c 'import sys; [print(l.rstrip().rsplit(\": \", 1)[0], {\"BS_SIGNATURE_CORRECT\":"
+        " \"correct\", \"BS_NOT_SIGNED\": \"not-signed\", \"BS_SIGNATURE_INCORRECT\": \"incorrect\","
+        " \"BS_ERROR\": \"error\"}[l.rstrip().rsplit(\": \", 1)[1]]) for l in sys.stdin]' | sort";
+    EXPECT_EQ(
+        run("cd / && find " + shq(tree.path()) + " -type f -print0 | xargs -0 " + shq(KZOL_TOOL) + " verify" + names,
+            &verified),
+        0);
     std::string withoutKeys = audited, specials;
     for (std::size_t at = withoutKeys.find("correct5"); at != std::string::npos; at = withoutKeys.find("correct5")) {
         withoutKeys.erase(at + 7, 1);
@@ -323,10 +371,17 @@ TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
     EXPECT_EQ(audited.find("link-out"), std::string::npos);
 
     EXPECT_EQ(kzol("audit " + shq(tree.path()), &table), 1);
-    struct Row { const char* title; int count; };
-    const std::vector<Row> rows = {{"outside the areas (runs unchecked)", 0}, {"signed correctly, key 5", 60},
-                                   {"signed correctly, key 6", 54}, {"not signed", 120}, {"signed incorrectly", 6},
-                                   {"signature check error", 1}, {"special file (not opened)", 1},
+    struct Row {
+        const char* title;
+        int count;
+    };
+    const std::vector<Row> rows = {{"outside the areas (runs unchecked)", 0},
+                                   {"signed correctly, key 5", 60},
+                                   {"signed correctly, key 6", 54},
+                                   {"not signed", 120},
+                                   {"signed incorrectly", 6},
+                                   {"signature check error", 1},
+                                   {"special file (not opened)", 1},
                                    {"would be refused", 128}};
     for (const auto& r : rows) {
         SCOPED_TRACE(r.title);

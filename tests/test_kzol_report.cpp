@@ -20,8 +20,9 @@ struct Listener {
     explicit Listener(const std::string& args, int seconds = 60)
     {
         status = std::async(std::launch::async, [this, args, seconds] {
-            return run("timeout --foreground --preserve-status -k 10 " + std::to_string(seconds) + " " + shq(KZOL_TOOL) + " listen " +
-                       args + " </dev/null 2>" + shq(errors), &printed);
+            return run("timeout --foreground --preserve-status -k 10 " + std::to_string(seconds) + " " +
+                           shq(KZOL_TOOL) + " listen " + args + " </dev/null 2>" + shq(errors),
+                       &printed);
         });
         listening = run("for i in $(seq 1000); do grep -qs 'listening on SfDaemon/UserMsg' " + shq(errors) +
                         " && exit 0; sleep 0.01; done; exit 1") == 0;
@@ -50,7 +51,8 @@ static std::string reportLine(int kind, const std::string& caller, const std::st
 {
     return "{\"Action/FileSend\":" + std::to_string(kind) + ",\"Report/Caller\":\"" + caller +
            "\",\"Report/Decription\":\"" + description + "\",\"Report/FileType\":\"" + fileType +
-           "\",\"Report/Path\":\"" + path + "\",\"Report/ReportSeq\":\"SEQ\",\"State\":\"ShowNoti\","
+           "\",\"Report/Path\":\"" + path +
+           "\",\"Report/ReportSeq\":\"SEQ\",\"State\":\"ShowNoti\","
            "\"TaskName\":\"UserBlockMsg\"}\n";
 }
 
@@ -83,7 +85,12 @@ TEST(KzolReport, ReportsReachTheListener)
 // Each peer is followed by a good report, which the listener still prints.
 TEST(KzolListen, HostilePeersDoNotStopIt)
 {
-    struct Case { std::string bytes; bool keepOpen; std::string printed; const char* says; };  // printed: of the peer
+    struct Case {
+        std::string bytes;
+        bool keepOpen;
+        std::string printed;
+        const char* says;
+    };  // printed: of the peer
     const char* const incomplete = "connection ended without a complete frame";
     const std::vector<Case> cases = {
         {prefix(0xFFFFFFFFu) + "{}", false, "", incomplete},
@@ -126,7 +133,12 @@ TEST(KzolVerify, PrintsTheLibrarysResult)
     const TempDir dir;
     const std::string content = "#!/bin/sh\necho \"signed\"\n";
     // Signed by the openssl command alone, the block written by the test's own encoders.
-    struct Case { const char* name; std::string bytes; int status; const char* out; };
+    struct Case {
+        const char* name;
+        std::string bytes;
+        int status;
+        const char* out;
+    };
     const std::vector<Case> cases = {
         {"key5", signedFile(content, "P50", devPrivateKey('5')), 0, "BS_SIGNATURE_CORRECT\n"},
         {"wrongkey", signedFile(content, "P60", devPrivateKey('5')), 1, "BS_SIGNATURE_INCORRECT\n"},
@@ -159,12 +171,15 @@ TEST(KzolCheck, SignCheckAndDisableCertificate)
     ASSERT_EQ(kzol("sign --key " + shq(devPrivateKey('6')) + " --key-id 6 " + shq(signedScript)), 0);
     // The device a certificate on the stick is for (none at first), the script, the answer and what kzol prints.
     const std::vector<std::tuple<std::string, std::string, int, std::string>> steps = {
-        {"", signedScript, 0, "allowed (BS_SIGNATURE_CORRECT)\n"}, {"", unsignedScript, 1, "refused (BS_NOT_SIGNED)\n"},
+        {"", signedScript, 0, "allowed (BS_SIGNATURE_CORRECT)\n"},
+        {"", unsignedScript, 1, "refused (BS_NOT_SIGNED)\n"},
         {"TV-0043", unsignedScript, 1, "refused (BS_NOT_SIGNED)\n"},
         {"TV-0042", unsignedScript, 0, "allowed (disable certificate)\n"}};
     for (const auto& [device, script, answer, printed] : steps) {
-        ASSERT_EQ(device.empty() ? 0 : kzol("cert --force --key " + shq(devPrivateKey('5')) + " --key-id 5 -o " +
-                                            shq(tv + "/usb/stick/RTZOLOFF.cer") + " --duid " + device), 0);
+        ASSERT_EQ(device.empty() ? 0
+                                 : kzol("cert --force --key " + shq(devPrivateKey('5')) + " --key-id 5 -o " +
+                                        shq(tv + "/usb/stick/RTZOLOFF.cer") + " --duid " + device),
+                  0);
         EXPECT_EQ(kzol(check + " check " + shq(script), &out), answer) << printed;
         EXPECT_EQ(out, printed);
     }

@@ -36,20 +36,30 @@ struct EnvVar {
 };
 
 // A string from the platform, released with free().
-Text take(char* value) { const MallocPtr<char> owned(value); return owned ? Text(owned.get()) : Text(); }
+Text take(char* value)
+{
+    const MallocPtr<char> owned(value);
+    return owned ? Text(owned.get()) : Text();
+}
 
 // One walk of the USB service, as the policy makes it: the answers of init
 // and of the walk, the mount path of each device visited ("<null>" for none),
 // the last device.
-struct Walk { int init, result; Lines devices; usb_device_s* last; };
+struct Walk {
+    int init, result;
+    Lines devices;
+    usb_device_s* last;
+};
 Walk walk()
 {
     Walk w{usb_device_init(), 0, {}, nullptr};
-    w.result = usb_mass_storage_foreach([](usb_device_s* device, void* data) {
+    w.result = usb_mass_storage_foreach(
+        [](usb_device_s* device, void* data) {
         auto* walked = static_cast<Walk*>(data);
         const char* path = usb_device_get_mountpath(walked->last = device);
         walked->devices.push_back(path ? path : "<null>");
-    }, &w);
+        },
+        &w);
     usb_device_fini();
     return w;
 }
@@ -63,11 +73,20 @@ TEST(VconfStandIn, ValuesFromTheStoreTheEnvironmentNames)
     }
     const std::string outAndIn = "../" + fs::path(store.path()).filename().string() + "/db/plain";
     const std::vector<std::pair<const char*, Text>> cases = {
-        {"db/comss/hwduid", "ABC123"}, {"db/two", "x\n"}, {"db/plain", "no newline"}, {"db/missing", {}},
+        {"db/comss/hwduid", "ABC123"},
+        {"db/two", "x\n"},
+        {"db/plain", "no newline"},
+        {"db/missing", {}},
         // Keys that leave the store or are no plain relative names, though the files exist.
-        {nullptr, {}}, {"", {}}, {"/etc/passwd", {}}, {outAndIn.c_str(), {}}, {"./db/plain", {}}, {"db//plain", {}}};
+        {nullptr, {}},
+        {"", {}},
+        {"/etc/passwd", {}},
+        {outAndIn.c_str(), {}},
+        {"./db/plain", {}},
+        {"db//plain", {}}};
     EnvVar env("KZOL_VCONF_STORE", store.path());
-    for (const auto& [key, value] : cases) EXPECT_EQ(take(vconf_get_str(key)), value) << (key ? key : "(null)");
+    for (const auto& [key, value] : cases)
+        EXPECT_EQ(take(vconf_get_str(key)), value) << (key ? key : "(null)");
 }
 
 TEST(UsbStandIn, VisitsTheMountsOfUsbBlockDevicesInTableOrder)
@@ -76,9 +95,11 @@ TEST(UsbStandIn, VisitsTheMountsOfUsbBlockDevicesInTableOrder)
     // links into devices/..., a USB disk sitting below a usbN bus directory.
     TempDir sysfs, scratch;
     fs::create_directories(sysfs.file("dev/block"));
-    for (const auto& [number, device] : std::map<std::string, std::string>{  // usbmisc: no bus number
+    for (const auto& [number, device] : std::map<std::string, std::string>{
+             // usbmisc: no bus number
              {"8:17", "devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1:1.0/host6/block/sdb/sdb1"},
-             {"8:2", "devices/pci0000:00/0000:00:17.0/ata1/host0/block/sda/sda2"}, {"7:0", "devices/usbmisc/loop0"}}) {
+             {"8:2", "devices/pci0000:00/0000:00:17.0/ata1/host0/block/sda/sda2"},
+             {"7:0", "devices/usbmisc/loop0"}}) {
         writeFile(sysfs.file(device + "/dev"), number + "\n");
         fs::create_symlink("../../" + device, sysfs.file("dev/block/" + number));
     }
@@ -100,13 +121,18 @@ TEST(Emulation, AnswersFromTheProfile)
     TempDir profile;
     const uid_t ruid = getuid(), euid = geteuid();
     EnvVar env("KZOL_PROFILE", profile.path());
-    const std::vector<std::tuple<Text, uid_t, uid_t>> uids = {  // uid file (nullopt: none), getuid, geteuid
-        {{}, ruid, euid}, {"", ruid, euid}, {"root", ruid, euid}, {"1 2 3", ruid, euid}, {"-1", ruid, euid},
-        {"4294967295", ruid, euid}, {"12x", ruid, euid},  // no user IDs: the process's own
-        {" 7\n", 7, 7}, {"4294967294", 4294967294u, 4294967294u}, {"1000 0\n", 1000, 0}};
+    const std::vector<std::tuple<Text, uid_t, uid_t>> uids = {
+        // uid file (nullopt: none), getuid, geteuid
+        {{}, ruid, euid},     {"", ruid, euid},
+        {"root", ruid, euid}, {"1 2 3", ruid, euid},
+        {"-1", ruid, euid},   {"4294967295", ruid, euid},
+        {"12x", ruid, euid},  // no user IDs: the process's own
+        {" 7\n", 7, 7},       {"4294967294", 4294967294u, 4294967294u},
+        {"1000 0\n", 1000, 0}};
     for (const auto& [file, uid, effective] : uids) {
         fs::remove(profile.file("uid"));
-        if (file) writeFile(profile.file("uid"), *file);
+        if (file)
+            writeFile(profile.file("uid"), *file);
         EXPECT_EQ(std::make_pair(getuid(), geteuid()), std::make_pair(uid, effective)) << file.value_or("-");
     }
     const Walk none = walk();  // no usb/
@@ -116,17 +142,20 @@ TEST(Emulation, AnswersFromTheProfile)
     for (const char* name : {"m", "b-stick", "x", "a-stick", "Z", "k", "0", "a", "c", "y", "b", ".hidden"}) {
         fs::create_directories(u + name);
     }
-    for (const char* name : {"B.nomount", "notes.txt", ".x.nomount"}) writeFile(u + name, "");
-    const Lines expected = {u + "0", "<null>", u + "Z", u + "a", u + "a-stick", u + "b",  // in name order
-                              u + "b-stick", u + "c", u + "k", u + "m", u + "x", u + "y"};  // "<null>": B.nomount
+    for (const char* name : {"B.nomount", "notes.txt", ".x.nomount"})
+        writeFile(u + name, "");
+    const Lines expected = {u + "0",       "<null>", u + "Z", u + "a", u + "a-stick", u + "b",   // in name order
+                            u + "b-stick", u + "c",  u + "k", u + "m", u + "x",       u + "y"};  // "<null>": B.nomount
     // .foreach-result: the walk's answer after visiting; -1 when it holds no number.
     for (const auto& [text, result] : std::map<std::string, int>{{"", 0}, {"-5\n", -5}, {"3", 3}, {"fail", -1}}) {
-        if (!text.empty()) writeFile(profile.file("usb/.foreach-result"), text);
+        if (!text.empty())
+            writeFile(profile.file("usb/.foreach-result"), text);
         const Walk usb = walk();
         EXPECT_EQ(usb.init, 0) << text;
         EXPECT_EQ(usb.result, result) << text;
         EXPECT_EQ(usb.devices, expected) << text;
-        EXPECT_EQ(usb_device_get_mountpath(usb.last), nullptr);  // a device kept past its walk is none the service knows
+        EXPECT_EQ(usb_device_get_mountpath(usb.last),
+                  nullptr);  // a device kept past its walk is none the service knows
     }
     env.set(std::nullopt);  // without a profile (its uid file says 1000), what stands behind answers
     EXPECT_EQ(getuid(), ruid);
@@ -164,10 +193,15 @@ TEST(KzolProfile, InitWritesTheLayout)
     }
     EXPECT_EQ(found["modules"].rfind("micom ", 0), 0u);  // a television's /proc/modules
     found.erase("modules");
-    EXPECT_EQ(found, (std::map<std::string, std::string>{
-                         {"vconf", "/"}, {"vconf/db", "/"}, {"vconf/db/comss", "/"},
-                         {"vconf/db/comss/hwduid", "ABC123\n"}, {"zone", "0 1\n"}, {"uid", "5000 0\n"}, {"usb", "/"},
-                         {"usb/s0", "/"}, {"usb/s1", "/"}}));
+    EXPECT_EQ(found, (std::map<std::string, std::string>{{"vconf", "/"},
+                                                         {"vconf/db", "/"},
+                                                         {"vconf/db/comss", "/"},
+                                                         {"vconf/db/comss/hwduid", "ABC123\n"},
+                                                         {"zone", "0 1\n"},
+                                                         {"uid", "5000 0\n"},
+                                                         {"usb", "/"},
+                                                         {"usb/s0", "/"},
+                                                         {"usb/s1", "/"}}));
     ASSERT_EQ(kzol("profile init pc --uid 7", nullptr, at), 0);  // a PC's, with only what is asked for
     EXPECT_EQ(readFile(scratch.file("pc/modules")).find("micom"), std::string::npos);
     EXPECT_EQ(readFile(scratch.file("pc/uid")), "7\n");
@@ -187,21 +221,26 @@ TEST(KzolEmulate, RunsTheCommandOnTheProfilesDevice)
     writeFile(dir + "/modules", "micom 40960 3 - Live 0x0\n");
     writeFile(dir + "/uid", "4321\n");
     fs::copy_file(KZOL_EMULATE_LIB_PATH, other);  // a library that preloads into any program
-    const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {  // env, args, status, out
+    const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
+        // env, args, status, out
         {"", "tv -- sh -c 'id -u; id -ur; sed -n 1p /proc/modules; echo $KZOL_PROFILE'", 0,
          "4321\n4321\nmicom 40960 3 - Live 0x0\n" + dir + "\n"},
-        {"", "tv -- sh -c 'exit 7'", 7, ""}, {"", "tv -- kzol-no-such-command", 127, ""},
+        {"", "tv -- sh -c 'exit 7'", 7, ""},
+        {"", "tv -- kzol-no-such-command", 127, ""},
         {"LD_PRELOAD=" + other, "tv -- sh -c 'echo $LD_PRELOAD'", 0,
          fs::canonical(KZOL_EMULATE_LIB_PATH).string() + ":" + other + "\n"},
         {"KZOL_EMULATE_LIB=" + other, "tv -- sh -c 'echo $LD_PRELOAD; id -u'", 0, other + "\n4321\n"},
-        {"", "tv/modules -- true", 2, ""}, {"", "none -- true", 2, ""}};
+        {"", "tv/modules -- true", 2, ""},
+        {"", "none -- true", 2, ""}};
     // The programs the emulation goes into are not built with this build's
     // sanitizers, so the runtime's link-order check stays off.
     for (const auto& [env, args, status, expected] : cases) {
         std::string out;
         EXPECT_EQ(run("cd " + shq(scratch.path()) + " && env ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0 " +
-                          env + " " + shq(KZOL_TOOL) + " emulate " + args + " </dev/null 2>/dev/null", &out),
-                  status) << args;
+                          env + " " + shq(KZOL_TOOL) + " emulate " + args + " </dev/null 2>/dev/null",
+                      &out),
+                  status)
+            << args;
         EXPECT_EQ(out, expected) << args;
     }
 }

@@ -122,7 +122,12 @@ TEST(Policy, Outcomes)
         std::string err = {};
     };
     const std::vector<Case> cases = {
-        {"missing file", {}, 0, "", {errorLine("main.cpp", "verifyFileWihtoutKey", missing + " does not exist;")}, "",
+        {"missing file",
+         {},
+         0,
+         "",
+         {errorLine("main.cpp", "verifyFileWihtoutKey", missing + " does not exist;")},
+         "",
          missing},
         {"outside the areas", {}, 1, "", {}, "", f.outsider},
         {"not a television", {{"modules", "sdp 1 0 - Live 0x0\nxmicom 1 0\n"}}, 1, "", {}, "fopen /proc/modules\n"},
@@ -132,10 +137,21 @@ TEST(Policy, Outcomes)
         {"unsigned", {}, 0, ns, {notSigned}, tv},
         {"tampered", {}, 0, "BS_SIGNATURE_INCORRECT", {checkLine("Incorrect Signed", f.tampered)}, tv, f.tampered},
         {"type L selects no key", {}, 0, "BS_ERROR", {}, tv, f.typeL},
-        {"through .. and a link, null caller", {}, 0, ns, {checkLine("Not Signed", f.unsignedOne, "NULL")},
-         tv, f.outside + "/../../.." + viaLink, nullptr},
-        {"no USB service", {{"usb", nullptr}}, 1, "", {c_noUsbLine, correct},
-         "fopen /proc/modules\nusb_device_init\ngetuid\ngeteuid\nfopen /proc/self/zone\n", f.signedOne},
+        {"through .. and a link, null caller",
+         {},
+         0,
+         ns,
+         {checkLine("Not Signed", f.unsignedOne, "NULL")},
+         tv,
+         f.outside + "/../../.." + viaLink,
+         nullptr},
+        {"no USB service",
+         {{"usb", nullptr}},
+         1,
+         "",
+         {c_noUsbLine, correct},
+         "fopen /proc/modules\nusb_device_init\ngetuid\ngeteuid\nfopen /proc/self/zone\n",
+         f.signedOne},
         // The disable certificate, checked before the container step.
         {"certificate, isolated container", {isolated, certA}, 1, "", off, offTrace},
         {"certificate, a byte before its block changed", {{certA.first, validChanged.c_str()}}, 1, "", off, offTrace},
@@ -180,9 +196,10 @@ TEST(Policy, Outcomes)
             const std::string caller = c.caller ? c.caller : "NULL",
                               path = c.result.empty() ? "" : std::filesystem::canonical(file).string(),
                               description = "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"";
-            EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
-                                                       : Lines{frame(reportText(1, caller, "SCRIPT",
-                                                                                description + c.result + "\",", path))});
+            EXPECT_EQ(daemon.drain(),
+                      c.result.empty()
+                          ? Lines{}
+                          : Lines{frame(reportText(1, caller, "SCRIPT", description + c.result + "\",", path))});
             EXPECT_EQ(err.finish(), c.err);
         }
     }
@@ -228,9 +245,10 @@ TEST(Policy, DescriptorContentDecides)
         ASSERT_FALSE(log.empty());
         EXPECT_EQ(log.back(), checkLine(c.answer == 1 ? "Correct Signed" : "Not Signed", target));
         const std::string description = "ver:\"1\",subject:\"" + target + "\",object:\"loader\",result:\"";
-        EXPECT_EQ(daemon.drain(), c.result.empty() ? Lines{}
-                                                   : Lines{frame(reportText(1, "loader", "SCRIPT",
-                                                                            description + c.result + "\",", target))});
+        EXPECT_EQ(daemon.drain(),
+                  c.result.empty()
+                      ? Lines{}
+                      : Lines{frame(reportText(1, "loader", "SCRIPT", description + c.result + "\",", target))});
     }
 }
 
@@ -268,14 +286,22 @@ TEST(Policy, ExplainedDecisions)
 {
     const Files f;
     const std::string valid = certificate(DeviceProfile::c_deviceId, "P60", devPrivateKey('6'));
-    struct Case { const char* name; std::vector<std::pair<std::string, const char*>> device; std::string file;
-                  int answer, step, result; };
+    struct Case {
+        const char* name;
+        std::vector<std::pair<std::string, const char*>> device;
+        std::string file;
+        int answer, step, result;
+    };
     const std::vector<Case> cases = {
         {"missing file", {}, f.area + "/missing.sh", 0, KZOL_STEP_MISSING, 0},
         {"outside the areas", {}, f.outsider, 1, KZOL_STEP_OUTSIDE_AREAS, 0},
         {"not a television", {{"modules", "sdp 1 0 - Live 0x0\n"}}, f.unsignedOne, 1, KZOL_STEP_NOT_TELEVISION, 0},
-        {"disable certificate", {{"usb/a/RTZOLOFF.cer", valid.c_str()}}, f.unsignedOne, 1,
-         KZOL_STEP_DISABLE_CERTIFICATE, 0},
+        {"disable certificate",
+         {{"usb/a/RTZOLOFF.cer", valid.c_str()}},
+         f.unsignedOne,
+         1,
+         KZOL_STEP_DISABLE_CERTIFICATE,
+         0},
         {"isolated container", {{"zone", "2 1\n"}}, f.unsignedOne, 1, KZOL_STEP_ISOLATED_CONTAINER, 0},
         {"correctly signed", {}, f.signedOne, 1, KZOL_STEP_SIGNATURE, 5},
         {"unsigned", {}, f.unsignedOne, 0, KZOL_STEP_SIGNATURE, 4},

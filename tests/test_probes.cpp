@@ -64,8 +64,12 @@ TEST(Probes, UserWritableAreas)
         clearLog();
         EXPECT_EQ(BSContext().checkFileIsInRWUser(path.c_str(), resolved), answer) << path;
         EXPECT_STREQ(resolved, answer == 0 ? realpath(path.c_str(), real) : resolved) << path;
-        EXPECT_EQ(loggedLines(), path != tmp + "/missing" ? Lines{} : Lines{errorLine("bs_context.cpp",
-                  "checkFileIsInRWUser", std::string("realpath() error : ") + std::strerror(ENOENT) + ";")}) << path;
+        EXPECT_EQ(loggedLines(),
+                  path != tmp + "/missing"
+                      ? Lines{}
+                      : Lines{errorLine("bs_context.cpp", "checkFileIsInRWUser",
+                                        std::string("realpath() error : ") + std::strerror(ENOENT) + ";")})
+            << path;
     }
 }
 
@@ -74,7 +78,7 @@ TEST(Probes, TelevisionTestReadsFiveCharacterPieces)
     // The modules (null: no /proc/modules), whether that makes a television.
     const std::vector<std::pair<const char*, bool>> cases = {
         {"sdp_gpio 16384 0 - Live 0x0\nmicom_drv 1236992 0 - Live 0x0\n", true},  // a name that begins so
-        {"1234micom\n", false},  // position 4
+        {"1234micom\n", false},                                                   // position 4
         {"abcdemicom 1 0\n", true},
         {nullptr, false},
     };
@@ -89,11 +93,18 @@ TEST(Probes, TelevisionTestReadsFiveCharacterPieces)
 
 TEST(Probes, ZoneFile)
 {
-    const auto failed = [](const char* text) { return errorLine("securezone_context.cpp", "getContainerInformation", text); };
+    const auto failed = [](const char* text) {
+        return errorLine("securezone_context.cpp", "getContainerInformation", text);
+    };
     // The zone file (null: none), whether it is read, the level and type read.
-    for (const auto& [zone, read, level, type] : std::vector<std::tuple<const char*, bool, int, int>>{
-             {"0 1\n", true, 0, 1}, {"  7\n\t1 trailing", true, 7, 1}, {"3 0\n", true, 3, 0}, {"x", false, -9, -9},
-             {"", false, -9, -9}, {"5\n", false, 5, -9}, {nullptr, false, -9, -9}}) {
+    for (const auto& [zone, read, level, type] :
+         std::vector<std::tuple<const char*, bool, int, int>>{{"0 1\n", true, 0, 1},
+                                                              {"  7\n\t1 trailing", true, 7, 1},
+                                                              {"3 0\n", true, 3, 0},
+                                                              {"x", false, -9, -9},
+                                                              {"", false, -9, -9},
+                                                              {"5\n", false, 5, -9},
+                                                              {nullptr, false, -9, -9}}) {
         DeviceProfile device;
         device.set("zone", zone);
         SecureZoneContext context("/proc/self/zone");
@@ -103,9 +114,11 @@ TEST(Probes, ZoneFile)
         EXPECT_EQ(std::make_pair(content.level, content.type), std::make_pair(level, type)) << name;
         clearLog();
         EXPECT_EQ(context.isIsolatedContainer(), read && type == 1) << name;
-        EXPECT_EQ(loggedLines(), !zone ? Lines{failed("Failed to open zone file")}
-                                        : !read ? Lines{failed("Failed to read zone file")}
-                                        : type == 1 ? Lines{isolatedLine(level)} : Lines{}) << name;
+        EXPECT_EQ(loggedLines(), !zone       ? Lines{failed("Failed to open zone file")}
+                                 : !read     ? Lines{failed("Failed to read zone file")}
+                                 : type == 1 ? Lines{isolatedLine(level)}
+                                             : Lines{})
+            << name;
     }
 }
 

@@ -31,7 +31,8 @@ static const std::string c_start = infoLine("main.cpp", "SendSecurityReport", "S
 
 static std::string kindLine(const std::string& caller, const std::string& kind)
 {
-    return infoLine("main.cpp", "SendSecurityReport", "[zol][" + caller + "]! : \033[1;33mSendRequest [" + kind + "]\033[0m");
+    return infoLine("main.cpp", "SendSecurityReport",
+                    "[zol][" + caller + "]! : \033[1;33mSendRequest [" + kind + "]\033[0m");
 }
 
 // A refusal names the result in its description (subject and object whole and
@@ -39,8 +40,14 @@ static std::string kindLine(const std::string& caller, const std::string& kind)
 TEST(Report, RefusalsNameTheResultAndTheMoment)
 {
     const std::string caller17 = "abcdefghijklmnopq", longPath = "/nonexistent/" + std::string(300, 'p');
-    struct Case { int h, m, s, micro; const char* sequence; int result; std::string name, subject; const char* object;
-                  long long day = 20000; };  // days since 1970: 20000 is in 2024
+    struct Case {
+        int h, m, s, micro;
+        const char* sequence;
+        int result;
+        std::string name, subject;
+        const char* object;
+        long long day = 20000;
+    };  // days since 1970: 20000 is in 2024
     const std::vector<Case> cases = {
         {9, 30, 15, 5, "0930155", 0, "BS_ERROR", "", ""},
         {23, 59, 59, 999999, "235959999999", 2, "BS_INVALID_FILE_TYPE", "s", "o"},
@@ -80,8 +87,17 @@ TEST(Report, ReportTypesCutsAndPaths)
         Lines out = {"comp", "APP", "/nonexistent/p", "desc"};  // as received
     };
     const std::vector<Case> cases = {
-        {0, {0}}, {1, {1}}, {2, {2}}, {3, {1, 2}}, {4, {}}, {8, {}}, {5, {1}}, {-1, {1, 2}},
-        {1, {1}, {caller17.c_str(), "A-FILE-TYPE-OF-20-BY", "/./.", text2000.c_str()},
+        {0, {0}},
+        {1, {1}},
+        {2, {2}},
+        {3, {1, 2}},
+        {4, {}},
+        {8, {}},
+        {5, {1}},
+        {-1, {1, 2}},
+        {1,
+         {1},
+         {caller17.c_str(), "A-FILE-TYPE-OF-20-BY", "/./.", text2000.c_str()},
          {caller17.substr(0, 16), "A-FILE-TYPE-OF-2", "/", text2000.substr(0, 1024)}},
         {2, {2}, {"c", "t", longPath.c_str(), "d"}, {"c", "t", longPath.substr(0, 256), "d"}},
         {1, {1}, {nullptr, nullptr, nullptr, nullptr}, {"", "", "", ""}},
@@ -112,7 +128,7 @@ TEST(Report, NobodyListeningAndFailedWrite)
     const std::string failed =
         errorLine("main.cpp", "SendSecurityReport", "[zol][comp]! : \033[1;31mSendRequest Notification Error\033[0m");
     EXPECT_EQ(loggedLines(), (Lines{c_start, kindLine("comp", "FileReport"), none[0], none[1], failed,
-                                           kindLine("comp", "DataReport"), none[0], none[1], failed}));
+                                    kindLine("comp", "DataReport"), none[0], none[1], failed}));
     DaemonListener daemon;
     clearLog();
     StderrCapture err;
@@ -120,8 +136,8 @@ TEST(Report, NobodyListeningAndFailedWrite)
     EXPECT_EQ(SendSecurityReport("comp", "t", "/p", "d", 1), 0);
     g_shutAfterConnect = false;
     EXPECT_EQ(err.finish(), "send() error ;\n");
-    EXPECT_EQ(loggedLines(), (Lines{c_start, kindLine("comp", "FileReport"),
-                                           errorLine("bs_context.cpp", "SendRequestNotification",
-                                                     "Failed to send request [" + reportText(1, "comp", "t", "d", "/p") +
-                                                         "];")}));
+    EXPECT_EQ(loggedLines(),
+              (Lines{c_start, kindLine("comp", "FileReport"),
+                     errorLine("bs_context.cpp", "SendRequestNotification",
+                               "Failed to send request [" + reportText(1, "comp", "t", "d", "/p") + "];")}));
 }

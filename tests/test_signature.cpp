@@ -118,9 +118,10 @@ TEST(SignatureLoad, CraftedFiles)
     EXPECT_EQ(signature.getFileSize(nullptr), 0u);
     EXPECT_FALSE(signature.readFromFile(nullptr, 0, &meta, 1));
     const std::string missing = "Signature::loadFromFile(): failed to open [" + dir.file("missing") + "] for reading";
-    EXPECT_EQ(loggedLines(), (Lines{errorLine("signature.cpp", "loadFromFile", missing),
-                                    errorLine("signature.cpp", "getFileSize", "Signature::getFileSize(): pFile is NULL"),
-                                    c_nullArguments}));
+    EXPECT_EQ(
+        loggedLines(),
+        (Lines{errorLine("signature.cpp", "loadFromFile", missing),
+               errorLine("signature.cpp", "getFileSize", "Signature::getFileSize(): pFile is NULL"), c_nullArguments}));
     ByteBuffer tail{1, 2, 3};
     Signature().composeSignature(tail);
     EXPECT_TRUE(tail.empty());

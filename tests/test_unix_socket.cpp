@@ -52,8 +52,7 @@ void feed(int fd, const std::string& wire)
 }
 
 // Runs `f` and answers its result, expecting it to take minMs to maxMs.
-template <typename F>
-auto timed(long long minMs, long long maxMs, F&& f)
+template <typename F> auto timed(long long minMs, long long maxMs, F&& f)
 {
     const auto start = std::chrono::steady_clock::now();
     const auto result = f();
@@ -69,33 +68,47 @@ auto timed(long long minMs, long long maxMs, F&& f)
 // holds a descriptor, the platform log line and standard error.
 TEST(UnixSocket, Failures)
 {
-    struct Case { const char* label; std::function<bool(UnixSocket&)> act; bool connected; std::string line, error; };
+    struct Case {
+        const char* label;
+        std::function<bool(UnixSocket&)> act;
+        bool connected;
+        std::string line, error;
+    };
     const std::string inUse = uniqueName();
     UnixSocket first;
     ASSERT_EQ(first.SetupHost(inUse.c_str(), 4), 0);
-    const std::vector<Case> cases = {
-        {"send without a peer", [](UnixSocket& s) { return s.CreateSocketDescriptor() == 0 && s.SendString("a"); },
-         false, "", "send() error ;\n"},
-        // Non-blocking mode replaces a status flag set before; with nothing to
-        // read a receive then fails at once.
-        {"non-blocking receive",
-         [](UnixSocket& s) {
-             int fd = -1;
-             const UniqueFd peer = peerOf(s, &fd);
-             std::string text;
-             return fcntl(fd, F_SETFL, O_APPEND) == 0 && s.SetNonBlocking() == 0 &&
-                    (fcntl(fd, F_GETFL) & ~O_ACCMODE) == O_NONBLOCK && s.ReceiveString(text);
-         },
-         false, "", "recv() error ;\n"},
-        {"bind to a name in use", [&](UnixSocket& s) { return s.SetupHost(inUse.c_str(), 4) == 0; }, true,
-         errorLine(c_file, "Bind", "bind() error ;"), ""},
-        {"non-blocking mode without a descriptor", [](UnixSocket& s) { return s.SetNonBlocking() == 0; }, false,
-         errorLine(c_file, "SetNonBlocking", "fcntl() error ;"), ""},
-        {"accept without listening", [](UnixSocket& s) { UnixSocket c; return s.AcceptConnection(c) == 0 || c.IsConnected(); },
-         false, errorLine(c_file, "AcceptConnection", "accept() error; "), ""},
-        {"listen on a connected socket", [](UnixSocket& s) { const UniqueFd peer = peerOf(s); return s.Listen(4) == 0; }, true,
-         errorLine(c_file, "Listen", "listen() error ;"), ""},
-    };
+    const std::vector<Case> cases =
+        {
+            {"send without a peer", [](UnixSocket& s) { return s.CreateSocketDescriptor() == 0 && s.SendString("a"); },
+             false, "", "send() error ;\n"},
+            // Non-blocking mode replaces a status flag set before; with nothing to
+            // read a receive then fails at once.
+            {"non-blocking receive",
+             [](UnixSocket& s) {
+        int fd = -1;
+        const UniqueFd peer = peerOf(s, &fd);
+        std::string text;
+        return fcntl(fd, F_SETFL, O_APPEND) == 0 && s.SetNonBlocking() == 0 &&
+               (fcntl(fd, F_GETFL) & ~O_ACCMODE) == O_NONBLOCK && s.ReceiveString(text);
+             },
+             false, "", "recv() error ;\n"},
+            {"bind to a name in use", [&](UnixSocket& s) { return s.SetupHost(inUse.c_str(), 4) == 0; }, true,
+             errorLine(c_file, "Bind", "bind() error ;"), ""},
+            {"non-blocking mode without a descriptor", [](UnixSocket& s) { return s.SetNonBlocking() == 0; }, false,
+             errorLine(c_file, "SetNonBlocking", "fcntl() error ;"), ""},
+            {"accept without listening",
+             [](UnixSocket& s) {
+        UnixSocket c;
+        return s.AcceptConnection(c) == 0 || c.IsConnected();
+             },
+             false, errorLine(c_file, "AcceptConnection", "accept() error; "), ""},
+                            {"listen on a connected socket",
+                             [](UnixSocket& s) {
+        const UniqueFd peer = peerOf(s);
+        return s.Listen(4) == 0;
+                             },
+                             true, errorLine(c_file, "Listen", "listen() error ;"), ""},
+        };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
         clearLog();
@@ -112,7 +125,12 @@ TEST(UnixSocket, Failures)
 // fails, writing `error`, closing the connection and leaving the text alone.
 TEST(UnixSocket, ReceiveStringReadsFramesAndClosesOnABadOne)
 {
-    struct Case { const char* label; std::string wire; Lines texts; std::string error; };
+    struct Case {
+        const char* label;
+        std::string wire;
+        Lines texts;
+        std::string error;
+    };
     const std::string eof = "peer is shutdown;\n";
     const std::vector<Case> cases = {
         {"frames in a row", frame("abc") + frame("") + frame("de"), {"abc", "", "de"}, eof},
@@ -157,7 +175,11 @@ TEST(UnixSocket, Waits)
         const std::string name = uniqueName() + std::string(120, 'n');  // cut at 107 bytes
         UnixSocket host, socket;
         ASSERT_EQ(host.SetupHost(name.c_str(), 4), 0);
-        struct Timeout { unsigned int ms; bool silent; long long minMs, maxMs; };
+        struct Timeout {
+            unsigned int ms;
+            bool silent;
+            long long minMs, maxMs;
+        };
         for (const Timeout& t : {Timeout{50, true, 45, 900}, {1100, false, 1050, 1800}}) {
             clearLog();
             EXPECT_EQ(timed(t.minMs, t.maxMs, [&] { return host.AcceptConnection(socket, t.ms, t.silent); }), -1);

@@ -32,11 +32,15 @@ extern "C" int EVP_DigestUpdate(EVP_MD_CTX* ctx, const void* data, size_t count)
 
 // The standard-error line of a check that was not carried out.
 static std::string checkError(const std::string& path)
-{ return "[zol][tester] : error during signature check [ file_path : " + path + " ]\n"; }
+{
+    return "[zol][tester] : error during signature check [ file_path : " + path + " ]\n";
+}
 
 // A line VerifyContext logs from `function`.
 static std::string vcLine(const std::string& function, const std::string& text)
-{ return errorLine("verify_context.cpp", function, "VerifyContext::" + function + "(): " + text); }
+{
+    return errorLine("verify_context.cpp", function, "VerifyContext::" + function + "(): " + text);
+}
 
 TEST(VerifyFile, SignedFilesAndTamperedOnes)
 {
@@ -48,7 +52,13 @@ TEST(VerifyFile, SignedFilesAndTamperedOnes)
     const auto block5 = [&](const std::string& text) { return blockAfter(content + "P50", text); };
     const std::string ok = checkLine("Correct Signed", path, "tester");
     const std::string bad = checkLine("Incorrect Signed", path, "tester");
-    struct Case { const char* name; std::string file; Result result; Lines log; bool checkError; };
+    struct Case {
+        const char* name;
+        std::string file;
+        Result result;
+        Lines log;
+        bool checkError;
+    };
     const std::vector<Case> cases = {
         {"key 5", signed5, BS_SIGNATURE_CORRECT, {ok}, false},
         {"signed block followed by CRLF", signed5 + "\r\n", BS_SIGNATURE_CORRECT, {ok}, false},
@@ -78,11 +88,27 @@ TEST(VerifyFile, WithGivenKeys)
     const TempDir dir;
     const std::string path = dir.file("script.sh"), content = "#!/bin/sh\necho given keys\n";
     const std::string pub5 = readFile(devPublicKey('5')), pub6 = readFile(devPublicKey('6'));
-    const std::string ok = checkLine("Correct Signed", path, "tester"), bad = checkLine("Incorrect Signed", path, "tester");
-    struct Case { const char* name; std::string file, key5, key6; Result result; Lines log; };
+    const std::string ok = checkLine("Correct Signed", path, "tester"),
+                      bad = checkLine("Incorrect Signed", path, "tester");
+    struct Case {
+        const char* name;
+        std::string file, key5, key6;
+        Result result;
+        Lines log;
+    };
     const std::vector<Case> cases = {
-        {"selector 5 with its key", signedFile(content, "P50", devPrivateKey('5')), pub5, pub6, BS_SIGNATURE_CORRECT, {ok}},
-        {"selector 6 with its key", signedFile(content, "P60", devPrivateKey('6')), pub5, pub6, BS_SIGNATURE_CORRECT, {ok}},
+        {"selector 5 with its key",
+         signedFile(content, "P50", devPrivateKey('5')),
+         pub5,
+         pub6,
+         BS_SIGNATURE_CORRECT,
+         {ok}},
+        {"selector 6 with its key",
+         signedFile(content, "P60", devPrivateKey('6')),
+         pub5,
+         pub6,
+         BS_SIGNATURE_CORRECT,
+         {ok}},
         {"keys swapped", signedFile(content, "P50", devPrivateKey('5')), pub6, pub5, BS_SIGNATURE_INCORRECT, {bad}},
         {"no key for the selector", signedFile(content, "P60", devPrivateKey('6')), pub5, "", BS_ERROR, {}},
         {"type L", signedFile(content, "L50", devPrivateKey('5')), pub5, pub6, BS_ERROR, {}},
@@ -120,13 +146,23 @@ TEST(VerifyFile, CheckNotCarriedOut)
     const std::string file = signedFile(std::string(40000, 'x'), "P50", devPrivateKey('5'));
     // The file changed after its block was loaded: size -1 removes it. Bytes
     // appended (here a hole) are not part of the signed region.
-    struct Case { const char* name; off_t size; std::string key; Lines log; Result result = BS_ERROR; };
+    struct Case {
+        const char* name;
+        off_t size;
+        std::string key;
+        Lines log;
+        Result result = BS_ERROR;
+    };
     const std::vector<Case> cases = {
         {"truncated", 20000, key, {}},
         {"grown", 1 << 20, key, {checkLine("Correct Signed", path, "tester")}, BS_SIGNATURE_CORRECT},
-        {"removed", -1, key,
+        {"removed",
+         -1,
+         key,
          {errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to open [" + path + "] for reading")}},
-        {"key text that does not load", static_cast<off_t>(file.size()), "not a key",
+        {"key text that does not load",
+         static_cast<off_t>(file.size()),
+         "not a key",
          {vcLine("loadKey", "failed to load public key"),
           errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from not a key")}},
     };
@@ -193,7 +229,11 @@ TEST(VerifyContext, FailuresLogAndLeaveTheFlag)
     ASSERT_NE(m().ec.find("-----BEGIN PUBLIC KEY-----"), std::string::npos);
     const std::string noKey = vcLine("check", "m_pKey or m_pContext is NULL");
     const std::string loadFailed = vcLine("loadKey", "failed to load public key");
-    struct Case { const char* name; std::function<bool(V&, bool&)> action; Lines log; };
+    struct Case {
+        const char* name;
+        std::function<bool(V&, bool&)> action;
+        Lines log;
+    };
     const std::vector<Case> cases = {
         {"check on a new object", [](V& c, bool& v) { return c.check(m().sig, v); }, {noKey}},
         {"without init", [](V& c, bool& v) { return c.loadKey(m().key) && c.check(m().sig, v); }, {noKey}},
@@ -202,13 +242,18 @@ TEST(VerifyContext, FailuresLogAndLeaveTheFlag)
         {"second loadKey fails",
          [](V& c, bool& v) { return c.loadKey(m().key) && !c.loadKey("-") && c.checkSignature(m().data, m().sig, v); },
          {loadFailed, noKey}},
-        {"EC key", [](V& c, bool& v) { return c.loadKey(m().ec) || c.checkSignature(m().data, m().sig, v); },
+        {"EC key",
+         [](V& c, bool& v) { return c.loadKey(m().ec) || c.checkSignature(m().data, m().sig, v); },
          {loadFailed, noKey}},
-        {"update before init", [](V& c, bool&) { return c.update(m().data); }, {vcLine("update", "m_pContext is NULL")}},
-        {"update with null", [](V& c, bool&) { return c.init() && c.update(nullptr, 4); },
+        {"update before init",
+         [](V& c, bool&) { return c.update(m().data); },
+         {vcLine("update", "m_pContext is NULL")}},
+        {"update with null",
+         [](V& c, bool&) { return c.init() && c.update(nullptr, 4); },
          {vcLine("update", "data is NULL")}},
         // The null signature is refused before the context is looked at.
-        {"null signature", [](V& c, bool& v) { return c.check(nullptr, 256, v); },
+        {"null signature",
+         [](V& c, bool& v) { return c.check(nullptr, 256, v); },
          {vcLine("check", "pSignature is NULL")}},
     };
     for (const Case& c : cases) {

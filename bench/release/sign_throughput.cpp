@@ -160,8 +160,8 @@ int main(int argc, char** argv)
             }
         }
         for (int r = 0; r < runs; ++r) {
-            const Measure o = runProcess({"/usr/bin/openssl", "dgst", "-sha256", "-sign", key, "-out",
-                                          dir + "/large.sig", big});
+            const Measure o =
+                runProcess({"/usr/bin/openssl", "dgst", "-sha256", "-sign", key, "-out", dir + "/large.sig", big});
             const Measure k = runProcess({kzol, "sign", "--force", "--key", key, "--key-id", "5", big});
             allSigned = allSigned && o.status == 0 && k.status == 0;
             openssl.push_back(o.seconds);
@@ -173,14 +173,17 @@ int main(int argc, char** argv)
 
     std::printf("kzol sign: %d small scripts, %ld MiB file, median of %d runs (seconds)\n", files, largeMiB, runs);
     std::printf("| %-34s | %9s | %-30s | %9s | %6s | %-11s |\n", "what", "s", "against", "s", "gain", "target");
-    row("one call, 1 worker", median(one), "one call per file", median(separate), ">= 10", median(separate) >= 10 * median(one));
-    row("one call, 2 workers", median(two), "one call, 1 worker", median(one), ">= 1.6", median(one) >= 1.6 * median(two));
+    row("one call, 1 worker", median(one), "one call per file", median(separate), ">= 10",
+        median(separate) >= 10 * median(one));
+    row("one call, 2 workers", median(two), "one call, 1 worker", median(one), ">= 1.6",
+        median(one) >= 1.6 * median(two));
     if (largeMiB > 0) {
         row("large file, kzol sign", median(large), "openssl dgst -sha256 -sign", median(openssl), ">= 0.67",
             median(large) <= 1.5 * median(openssl));
         const bool bounded = largePeak <= 32 * 1024;
-        std::printf("| %-34s | %6ld KiB | %-30s | %6ld KiB |        | <= 32 MiB %s |\n", "large file, peak resident memory",
-                    largePeak, "openssl dgst -sha256 -sign", opensslPeak, bounded ? "ok" : "MISSED");
+        std::printf("| %-34s | %6ld KiB | %-30s | %6ld KiB |        | <= 32 MiB %s |\n",
+                    "large file, peak resident memory", largePeak, "openssl dgst -sha256 -sign", opensslPeak,
+                    bounded ? "ok" : "MISSED");
         failedRun = failedRun || !bounded;
     }
     if (!allSigned) {

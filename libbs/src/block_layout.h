@@ -54,9 +54,9 @@ inline bool decodeLengthField(const char (&field)[c_lengthFieldSize], unsigned i
 
 inline void encodeLengthField(unsigned int textLength, char (&field)[c_lengthFieldSize])
 {
-    const unsigned char be[4] = {
-        static_cast<unsigned char>(textLength >> 24), static_cast<unsigned char>(textLength >> 16),
-        static_cast<unsigned char>(textLength >> 8), static_cast<unsigned char>(textLength)};
+    const unsigned char be[4] = {static_cast<unsigned char>(textLength >> 24),
+                                 static_cast<unsigned char>(textLength >> 16),
+                                 static_cast<unsigned char>(textLength >> 8), static_cast<unsigned char>(textLength)};
     base64_encode(reinterpret_cast<const char*>(be), sizeof(be), field, c_lengthFieldSize);
 }
 

@@ -34,15 +34,9 @@ bool selectKey(char sigType, char keyId, const std::string& key5, const std::str
         return false;
     }
     switch (keyId) {
-    case '5':
-        key = key5;
-        break;
-    case '6':
-        key = key6;
-        break;
-    default:
-        key.clear();
-        break;
+    case '5': key = key5; break;
+    case '6': key = key6; break;
+    default: key.clear(); break;
     }
     return !key.empty();
 }
@@ -95,7 +89,8 @@ int seekTo(void* cookie, off64_t* offset, int whence)
 
 int releaseCursor(void* cookie)
 {
-    delete static_cast<DescriptorCursor*>(cookie);  // NOLINT(cppcoreguidelines-owning-memory): the stream owns its cursor
+    delete static_cast<DescriptorCursor*>(
+        cookie);  // NOLINT(cppcoreguidelines-owning-memory): the stream owns its cursor
     return 0;
 }
 
@@ -185,8 +180,7 @@ Result BSContext::verifyFile(const std::string& path, const Signature& signature
     return verdict(done, isVerified, path, caller);
 }
 
-bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key,
-                       bool& isVerified)
+bool BSContext::verify(const std::string& path, const Signature& signature, const std::string& key, bool& isVerified)
 {
     const FilePtr file(bs_fopen(path.c_str(), "rb"));
     if (file == nullptr) {
@@ -301,8 +295,7 @@ bool BSContext::verifyWithDeviceId(const std::string& fileName, const Signature&
            context.checkMPI(signature, isCorrect);
 }
 
-Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId,
-                                         const char* caller)
+Result BSContext::verifyFileWithDeviceId(const std::string& fileName, const std::string& deviceId, const char* caller)
 {
     Signature signature;
     _ZolSigMeta meta{};

@@ -46,15 +46,14 @@ public:
     // the built-in ones (verifyFile above is this call with the built-in
     // keys): the same block loader, key selection, digest and log lines. An
     // empty text selects nothing, so a block naming that selector is BS_ERROR.
-    Result verifyFileWithKeys(const std::string& path, const std::string& publicKey5,
-                              const std::string& publicKey6, const char* caller);
+    Result verifyFileWithKeys(const std::string& path, const std::string& publicKey5, const std::string& publicKey6,
+                              const char* caller);
     // The same for the file open on `fd`: its bytes are read from the
     // descriptor (at positions of their own, whatever its offset), `path`
     // names it in the messages. The descriptor stays open.
     Result verifyFile(int fd, const std::string& path, const char* caller);
     // The check itself, with a loaded block and the key text: 0, 5 or 6.
-    Result verifyFile(const std::string& path, const Signature& signature, const std::string& key,
-                      const char* caller);
+    Result verifyFile(const std::string& path, const Signature& signature, const std::string& key, const char* caller);
 
     // False when the check could not be carried out (flag untouched); true
     // when it was, with `isVerified` telling whether the signature matched.
@@ -92,6 +91,6 @@ public:
     // the connection was opened and closed cleanly.
     bool SendRequestNotification(const std::string& path, const char* caller, Result result) const;
     // A component's own report of the given kind (the "Action/FileSend" value).
-    bool SendRequestNotification(const char* caller, const char* fileType, const char* path,
-                                 const char* description, int kind) const;
+    bool SendRequestNotification(const char* caller, const char* fileType, const char* path, const char* description,
+                                 int kind) const;
 };

@@ -58,8 +58,8 @@ char* GetUsSysTime(char* buffer, int size)
     char text[48];
     const int length = std::snprintf(text, sizeof(text), "%02d%02d%02d%ld", utc.tm_hour, utc.tm_min, utc.tm_sec,
                                      static_cast<long>(now.tv_nsec / 1000));
-    const std::size_t kept = std::min<std::size_t>(length > 0 ? static_cast<std::size_t>(length) : 0,
-                                                   static_cast<std::size_t>(size - 1));
+    const std::size_t kept =
+        std::min<std::size_t>(length > 0 ? static_cast<std::size_t>(length) : 0, static_cast<std::size_t>(size - 1));
     std::memcpy(buffer, text, kept);
     buffer[kept] = '\0';
     buffer[size - 1] = '\0';

@@ -101,8 +101,7 @@ struct MallocFree {
     void operator()(void* p) const noexcept { std::free(p); }
 };
 // Storage from malloc, calloc or a C interface that hands its result over.
-template <typename T>
-using MallocPtr = std::unique_ptr<T, MallocFree>;
+template <typename T> using MallocPtr = std::unique_ptr<T, MallocFree>;
 
 struct EvpPkeyFree {
     void operator()(EVP_PKEY* p) const noexcept { EVP_PKEY_free(p); }

@@ -37,18 +37,18 @@ constexpr const char* baseName(const char* path)
 #ifdef KZOL_LOG_UNIT
 #define KZOL_FILE_NAME KZOL_LOG_UNIT
 #else
-#define KZOL_FILE_NAME                                                  \
-    ([]() {                                                             \
-        constexpr const char* kzolBase = ::kzol_log::baseName(__FILE__); \
-        return kzolBase;                                                \
+#define KZOL_FILE_NAME                                                                                                 \
+    ([]() {                                                                                                            \
+        constexpr const char* kzolBase = ::kzol_log::baseName(__FILE__);                                               \
+        return kzolBase;                                                                                               \
     }())
 #endif
 
 // `function` is the name shown in the prefix: __func__, or the operation on
 // whose behalf a helper logs.
-#define KZOL_DLOG_IN(function, prio, colour, fmt, ...)                                 \
-    __dlog_print(LOG_ID_MAIN, (prio), KZOL_LOG_TAG, "%s: %s(%d) > " colour fmt "\033[0m", \
-                 KZOL_FILE_NAME, (function), __LINE__, ##__VA_ARGS__)
+#define KZOL_DLOG_IN(function, prio, colour, fmt, ...)                                                                 \
+    __dlog_print(LOG_ID_MAIN, (prio), KZOL_LOG_TAG, "%s: %s(%d) > " colour fmt "\033[0m", KZOL_FILE_NAME, (function),  \
+                 __LINE__, ##__VA_ARGS__)
 
 #define KZOL_DLOG(prio, colour, fmt, ...) KZOL_DLOG_IN(__func__, prio, colour, fmt, ##__VA_ARGS__)
 

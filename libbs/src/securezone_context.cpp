@@ -13,7 +13,9 @@ constexpr std::int32_t c_isolatedContainer = 1;
 
 }  // namespace
 
-SecureZoneContext::SecureZoneContext(const char* zonePath) : m_zonePath(zonePath) {}
+SecureZoneContext::SecureZoneContext(const char* zonePath) : m_zonePath(zonePath)
+{
+}
 
 bool SecureZoneContext::getContainerInformation(ContainerContent& out)
 {

@@ -106,15 +106,16 @@ void bs_fclose(FILE* pFile)
     }
 }
 
-Signature::Signature() : m_offset(0), m_metaSize(c_metaFieldSize) {}
+Signature::Signature() : m_offset(0), m_metaSize(c_metaFieldSize)
+{
+}
 
 Signature::Signature(const ByteBuffer& text, unsigned int offset)
     : ByteBuffer(text), m_offset(offset), m_metaSize(c_metaFieldSize)
 {
 }
 
-Signature::Signature(const Signature& other)
-    : ByteBuffer(other), m_offset(other.m_offset), m_metaSize(c_metaFieldSize)
+Signature::Signature(const Signature& other) : ByteBuffer(other), m_offset(other.m_offset), m_metaSize(c_metaFieldSize)
 {
 }
 
@@ -196,8 +197,7 @@ unsigned int Signature::getFileSize(FILE* pFile) const
 bool Signature::checkSignatureFootprint(FILE* pFile, unsigned int position) const
 {
     unsigned char bytes[c_footprintSize];
-    return readFromFile(pFile, position, bytes, sizeof(bytes)) &&
-           std::memcmp(bytes, c_footprint, c_footprintSize) == 0;
+    return readFromFile(pFile, position, bytes, sizeof(bytes)) && std::memcmp(bytes, c_footprint, c_footprintSize) == 0;
 }
 
 bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSigMeta& meta)

@@ -183,4 +183,6 @@ const EVP_MD* hashType()
     return EVP_sha256();
 }
 
-void cleanupOpenSSL() {}
+void cleanupOpenSSL()
+{
+}

@@ -13,25 +13,25 @@
 #define KZOL_PROFILE_NOMOUNT_SUFFIX ".nomount"
 #define KZOL_PROFILE_FOREACH_RESULT ".foreach-result"
 
-#define KZOL_PROFILE_LAYOUT_TEXT \
-    "Profile layout (every file optional, read afresh at each access):\n" \
-    "  modules                what fopen(\"/proc/modules\") reads; a line starting \"micom \"\n" \
-    "                         makes the device a television\n" \
-    "  zone                   what fopen(\"/proc/self/zone\") reads: \"LEVEL TYPE\" (type 1 =\n" \
-    "                         isolated container)\n" \
-    "  uid                    getuid()/geteuid(): \"RUID EUID\" or one ID for both; without it,\n" \
-    "                         the process's own IDs\n" \
-    "  vconf/KEY              vconf_get_str(KEY), the key's slashes being directories:\n" \
-    "                         vconf/db/comss/hwduid is the device identifier (one trailing\n" \
-    "                         newline is not part of the value)\n" \
-    "  usb/                   the USB service; without it usb_device_init() fails\n" \
-    "  usb/NAME/              an attached stick mounted at this directory (put RTZOLOFF.cer\n" \
-    "                         here to attach a disable certificate)\n" \
-    "  usb/NAME.nomount       an attached device without a mount path\n" \
-    "  usb/.foreach-result    the number usb_mass_storage_foreach() answers (default 0)\n" \
-    "Devices are visited in byte order of their names; names starting with '.' are not\n" \
-    "devices. A missing modules or zone file reads as a machine without that file.\n" \
-    "Tracing: with KZOL_EMULATE_TRACE=FILE every emulated access appends one line to FILE\n" \
+#define KZOL_PROFILE_LAYOUT_TEXT                                                                                       \
+    "Profile layout (every file optional, read afresh at each access):\n"                                              \
+    "  modules                what fopen(\"/proc/modules\") reads; a line starting \"micom \"\n"                       \
+    "                         makes the device a television\n"                                                         \
+    "  zone                   what fopen(\"/proc/self/zone\") reads: \"LEVEL TYPE\" (type 1 =\n"                       \
+    "                         isolated container)\n"                                                                   \
+    "  uid                    getuid()/geteuid(): \"RUID EUID\" or one ID for both; without it,\n"                     \
+    "                         the process's own IDs\n"                                                                 \
+    "  vconf/KEY              vconf_get_str(KEY), the key's slashes being directories:\n"                              \
+    "                         vconf/db/comss/hwduid is the device identifier (one trailing\n"                          \
+    "                         newline is not part of the value)\n"                                                     \
+    "  usb/                   the USB service; without it usb_device_init() fails\n"                                   \
+    "  usb/NAME/              an attached stick mounted at this directory (put RTZOLOFF.cer\n"                         \
+    "                         here to attach a disable certificate)\n"                                                 \
+    "  usb/NAME.nomount       an attached device without a mount path\n"                                               \
+    "  usb/.foreach-result    the number usb_mass_storage_foreach() answers (default 0)\n"                             \
+    "Devices are visited in byte order of their names; names starting with '.' are not\n"                              \
+    "devices. A missing modules or zone file reads as a machine without that file.\n"                                  \
+    "Tracing: with KZOL_EMULATE_TRACE=FILE every emulated access appends one line to FILE\n"                           \
     "(\"fopen /proc/modules\", \"getuid\", \"vconf_get_str KEY\", \"usb_device_init\", ...).\n"
 
 #endif

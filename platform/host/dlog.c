@@ -45,8 +45,7 @@ int __dlog_print(log_id_t log_id, int prio, const char *tag, const char *fmt, ..
         return -1;
 
     char head[160];
-    int hn = snprintf(head, sizeof head, "%c/%s(%ld): ", priority_letter(prio),
-                      tag ? tag : "", (long)getpid());
+    int hn = snprintf(head, sizeof head, "%c/%s(%ld): ", priority_letter(prio), tag ? tag : "", (long)getpid());
     if (hn < 0)
         return -1;
     if ((size_t)hn >= sizeof head)

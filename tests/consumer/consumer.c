@@ -2,7 +2,7 @@
 #include <kZOLUser.h>
 #include <stdio.h>
 
-int main(int argc, char **argv)
+int main(int argc, char** argv)
 {
     if (argc != 2)
         return 2;

@@ -110,9 +110,9 @@ static void* next(const char* name)
     }
     return f;
 }
-#define NEXT(name)                    \
-    static __typeof__(&name) real;    \
-    if (real == NULL)                 \
+#define NEXT(name)                                                                                                     \
+    static __typeof__(&name) real;                                                                                     \
+    if (real == NULL)                                                                                                  \
     real = (__typeof__(&name))next(#name)
 
 EXPORTED void* malloc(size_t size)

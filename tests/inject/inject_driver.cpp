@@ -12,8 +12,8 @@
 //
 // Prints one line of figures and exits 0 when no check failed.
 #include <dirent.h>
-#include <fcntl.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -44,13 +44,17 @@ Lines DaemonListener::drain()
 }
 
 std::string prefix(std::uint32_t length)
-{ return std::string(reinterpret_cast<const char*>(&length), 4); }
+{
+    return std::string(reinterpret_cast<const char*>(&length), 4);
+}
 
 std::string frame(const std::string& text)
-{ return prefix(static_cast<std::uint32_t>(text.size())) + text + '\0'; }
+{
+    return prefix(static_cast<std::uint32_t>(text.size())) + text + '\0';
+}
 
-std::string reportText(int kind, const std::string& caller, const std::string& fileType,
-                       const std::string& description, const std::string& path, const std::string& sequence)
+std::string reportText(int kind, const std::string& caller, const std::string& fileType, const std::string& description,
+                       const std::string& path, const std::string& sequence)
 {
     const auto quoted = [](const std::string& text) {
         std::string out = "\"";

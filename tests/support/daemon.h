@@ -36,14 +36,13 @@ private:
 // CLOCK_REALTIME): 01:02:03.000004999 unless a test sets another.
 extern timespec g_reportTime;
 
-std::string prefix(std::uint32_t length);  // a frame's length, 4 bytes in host order
+std::string prefix(std::uint32_t length);    // a frame's length, 4 bytes in host order
 std::string frame(const std::string& text);  // prefix, text, a zero byte
 // A report's text as the daemon receives it (numbered 0102034 by default).
-std::string reportText(int kind, const std::string& caller, const std::string& fileType,
-                       const std::string& description, const std::string& path, const std::string& sequence = "0102034");
+std::string reportText(int kind, const std::string& caller, const std::string& fileType, const std::string& description,
+                       const std::string& path, const std::string& sequence = "0102034");
 // The lines logged when nothing listens on the daemon's name.
-const Lines c_noDaemonLines = {
-    errorLine("UnixSocket.cpp", "ConnectToHost", "connect() error ;"),
-    errorLine("bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;")};
+const Lines c_noDaemonLines = {errorLine("UnixSocket.cpp", "ConnectToHost", "connect() error ;"),
+                               errorLine("bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;")};
 
 }  // namespace kzol_test

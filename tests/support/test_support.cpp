@@ -55,19 +55,31 @@ extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt
 namespace kzol_test {
 
 void clearLog()
-{ const std::lock_guard<std::mutex> lock(g_logMutex); g_logLines.clear(); }
+{
+    const std::lock_guard<std::mutex> lock(g_logMutex);
+    g_logLines.clear();
+}
 
 Lines loggedLines()
-{ const std::lock_guard<std::mutex> lock(g_logMutex); return g_logLines; }
+{
+    const std::lock_guard<std::mutex> lock(g_logMutex);
+    return g_logLines;
+}
 
 std::string errorLine(const std::string& file, const std::string& function, const std::string& text)
-{ return line('E', file, function, "\033[31m", text); }
+{
+    return line('E', file, function, "\033[31m", text);
+}
 
 std::string infoLine(const std::string& file, const std::string& function, const std::string& text)
-{ return line('I', file, function, "\033[36m", text); }
+{
+    return line('I', file, function, "\033[36m", text);
+}
 
 std::string warnLine(const std::string& file, const std::string& function, const std::string& text)
-{ return line('W', file, function, "\033[33m", text); }
+{
+    return line('W', file, function, "\033[33m", text);
+}
 
 std::string checkLine(const std::string& outcome, const std::string& path, const std::string& caller)
 {
@@ -122,7 +134,9 @@ int run(const std::string& command, std::string* output)
 }
 
 std::string shq(const std::string& text)
-{ return "'" + text + "'"; }
+{
+    return "'" + text + "'";
+}
 
 std::string opensslSign(const std::string& data, const std::string& privateKey)
 {
@@ -156,18 +170,28 @@ std::string lengthField(std::size_t textLength)
 }
 
 std::string blockAfter(const std::string& signedRegion, const std::string& text)
-{ return signedRegion + text + lengthField(text.size()) + ":ZOL"; }
+{
+    return signedRegion + text + lengthField(text.size()) + ":ZOL";
+}
 
 std::string signedFile(const std::string& content, const std::string& meta, const std::string& privateKey)
-{ return blockAfter(content + meta, mpiText(opensslSign(content + meta, privateKey))); }
+{
+    return blockAfter(content + meta, mpiText(opensslSign(content + meta, privateKey)));
+}
 
 std::string certificate(const std::string& deviceId, const std::string& meta, const std::string& privateKey)
-{ return blockAfter("kZOL disable certificate\n" + meta, mpiText(opensslSign(deviceId, privateKey))); }
+{
+    return blockAfter("kZOL disable certificate\n" + meta, mpiText(opensslSign(deviceId, privateKey)));
+}
 
 std::string devPrivateKey(char selector)
-{ return std::string(KZOL_SOURCE_DIR) + "/keys/dev/private_key_" + selector + ".pem"; }
+{
+    return std::string(KZOL_SOURCE_DIR) + "/keys/dev/private_key_" + selector + ".pem";
+}
 
 std::string devPublicKey(char selector)
-{ return std::string(KZOL_SOURCE_DIR) + "/keys/dev/public_key_" + selector + ".pem"; }
+{
+    return std::string(KZOL_SOURCE_DIR) + "/keys/dev/public_key_" + selector + ".pem";
+}
 
 }  // namespace kzol_test

@@ -72,8 +72,8 @@ std::string shq(const std::string& text);  // quoted for the shell
 // text and length field are written here, the signature by the openssl
 // command (RSA PKCS#1 v1.5 over SHA-256).
 std::string opensslSign(const std::string& data, const std::string& privateKey);
-std::string mpiText(const std::string& raw);          // "0x" + lower-case hex, no NUL
-std::string lengthField(std::size_t textLength);      // 8 base64 characters, big-endian length
+std::string mpiText(const std::string& raw);      // "0x" + lower-case hex, no NUL
+std::string lengthField(std::size_t textLength);  // 8 base64 characters, big-endian length
 std::string blockAfter(const std::string& signedRegion, const std::string& text);  // region + text + field + ":ZOL"
 // content + 3-byte metadata (e.g. "P50"), signed with `privateKey`.
 std::string signedFile(const std::string& content, const std::string& meta, const std::string& privateKey);

@@ -36,11 +36,16 @@ const char* const c_excluded[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
 
 enum Class { Outside, Correct5, Correct6, NotSigned, Incorrect, Error, Unreadable, Special, ClassCount };
 
-const char* const c_classNames[ClassCount] = {"outside",    "correct",    "correct",  "not-signed",
-                                              "incorrect",  "error",      "unreadable", "special"};
-const char* const c_classTitles[ClassCount] = {
-    "outside the areas (runs unchecked)", "signed correctly, key 5", "signed correctly, key 6", "not signed",
-    "signed incorrectly", "signature check error", "unreadable", "special file (not opened)"};
+const char* const c_classNames[ClassCount] = {"outside",   "correct", "correct",    "not-signed",
+                                              "incorrect", "error",   "unreadable", "special"};
+const char* const c_classTitles[ClassCount] = {"outside the areas (runs unchecked)",
+                                               "signed correctly, key 5",
+                                               "signed correctly, key 6",
+                                               "not signed",
+                                               "signed incorrectly",
+                                               "signature check error",
+                                               "unreadable",
+                                               "special file (not opened)"};
 
 bool refused(Class c)
 {
@@ -63,7 +68,7 @@ struct AuditOptions {
 };
 
 std::vector<Entry>* g_entries = nullptr;  // the walk's output; nftw takes no user data
-std::vector<std::string> g_skip;           // excluded directories of the default walk
+std::vector<std::string> g_skip;          // excluded directories of the default walk
 
 int visit(const char* path, const struct stat* st, int flag, struct FTW* /*ftw*/)
 {
@@ -121,15 +126,9 @@ void classify(Entry& entry, const std::string& caller)
         entry.result = signature.loadFromFile(real, meta) && meta.keyId == '6' ? Correct6 : Correct5;
         break;
     }
-    case BS_NOT_SIGNED:
-        entry.result = NotSigned;
-        break;
-    case BS_SIGNATURE_INCORRECT:
-        entry.result = Incorrect;
-        break;
-    default:
-        entry.result = Error;
-        break;
+    case BS_NOT_SIGNED: entry.result = NotSigned; break;
+    case BS_SIGNATURE_INCORRECT: entry.result = Incorrect; break;
+    default: entry.result = Error; break;
     }
 }
 
@@ -172,8 +171,7 @@ int runAudit(const AuditOptions& options)
             const std::size_t count = ++done;
             if (progress && (count % 64 == 0 || count == entries.size())) {
                 const std::lock_guard<std::mutex> lock(progressMutex);
-                const double seconds =
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+                const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
                 std::fprintf(stderr, "\r%zu/%zu files, %.0f files/s", count, entries.size(),
                              seconds > 0 ? static_cast<double>(count) / seconds : 0.0);
             }
@@ -246,16 +244,16 @@ void addAuditCommand(CLI::App& app, int& status)
 {
     auto options = std::make_shared<AuditOptions>();
     CLI::App* cmd = app.add_subcommand("audit", "How the policy would treat every file of the trees");
-    cmd->add_option("DIR", options->directories, "Trees to walk (default: /opt and /tmp without their excluded directories)");
+    cmd->add_option("DIR", options->directories,
+                    "Trees to walk (default: /opt and /tmp without their excluded directories)");
     cmd->add_option("-j,--jobs", options->jobs, "Files checked at once (default: one per processor)")
         ->check(CLI::Range(1U, 256U));
     cmd->add_flag("--json", options->json, "Every file and the summary as one JSON document");
-    cmd->footer(
-        "Each regular file is classified as the library's policy would treat it on a television:\n"
-        "outside the user-writable areas, signed correctly (key 5 or 6), not signed, signed\n"
-        "incorrectly, check error, or unreadable. Symbolic links are not followed; special files\n"
-        "(FIFOs, devices, sockets) are listed, never opened, and would be refused.\n"
-        "Exit status: 0 nothing would be refused; 1 some file would be; 2 a tree cannot be walked.\n");
+    cmd->footer("Each regular file is classified as the library's policy would treat it on a television:\n"
+                "outside the user-writable areas, signed correctly (key 5 or 6), not signed, signed\n"
+                "incorrectly, check error, or unreadable. Symbolic links are not followed; special files\n"
+                "(FIFOs, devices, sockets) are listed, never opened, and would be refused.\n"
+                "Exit status: 0 nothing would be refused; 1 some file would be; 2 a tree cannot be walked.\n");
     cmd->callback([options, &status]() { status = runAudit(*options); });
 }
 

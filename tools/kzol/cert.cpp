@@ -130,22 +130,21 @@ void addCertCommand(CLI::App& app, int& status)
     CLI::App* cmd = app.add_subcommand("cert", "Make a disable certificate (RTZOLOFF.cer) for one device");
     cmd->add_option("--key", options->key, "RSA-2048 private key: a PEM file or a pkcs11: URI")->required();
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
-    cmd->add_option("--pin-file", options->token.pinFile, "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
+    cmd->add_option("--pin-file", options->token.pinFile,
+                    "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
     cmd->add_option("--key-id", options->keyId, "Key selector the block names: 5 or 6")
         ->required()
         ->check(CLI::IsMember({"5", "6"}));
-    cmd->add_option("--duid", options->duid, "The device's identifier (configuration key db/comss/hwduid)")
-        ->required();
+    cmd->add_option("--duid", options->duid, "The device's identifier (configuration key db/comss/hwduid)")->required();
     cmd->add_option("-o,--output", options->output,
                     "Certificate file to write; a directory (a stick's root) gets RTZOLOFF.cer in it")
         ->required();
     cmd->add_flag("--force", options->force, "Overwrite an existing certificate file");
-    cmd->footer(
-        "The signature (RSA PKCS#1 v1.5 over SHA-256, block type P) covers the bytes of the device\n"
-        "identifier exactly, without terminator; the text line before the block is not signed.\n"
-        "With RTZOLOFF.cer at the root of an attached USB stick, that device runs unsigned scripts.\n"
-        "Exit status: 0 written; 1 refused because the file exists (nothing written); 2 usage or\n"
-        "I/O error (nothing written).\n");
+    cmd->footer("The signature (RSA PKCS#1 v1.5 over SHA-256, block type P) covers the bytes of the device\n"
+                "identifier exactly, without terminator; the text line before the block is not signed.\n"
+                "With RTZOLOFF.cer at the root of an attached USB stick, that device runs unsigned scripts.\n"
+                "Exit status: 0 written; 1 refused because the file exists (nothing written); 2 usage or\n"
+                "I/O error (nothing written).\n");
     cmd->callback([options, &status]() { status = runCert(*options); });
 }
 

@@ -10,17 +10,17 @@
 #include <memory>
 #include <string>
 
-#include "string_utils.h"
 #include "handles.h"
+#include "string_utils.h"
 
 namespace kzol {
 
 using ::BioPtr;
-using ::FilePtr;
-using ::UniqueFd;
 using ::EvpMdCtxPtr;
 using ::EvpPkeyCtxPtr;
 using ::EvpPkeyPtr;
+using ::FilePtr;
+using ::UniqueFd;
 
 // Exit statuses of every command.
 constexpr int c_exitSuccess = 0;

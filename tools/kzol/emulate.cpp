@@ -37,24 +37,22 @@ namespace {
 const char* const c_profileLayout = KZOL_PROFILE_LAYOUT_TEXT;
 
 // /proc/modules of a television: the front micro-controller's driver first.
-const char* const c_tvModules =
-    "micom 40960 3 - Live 0x0000000000000000\n"
-    "sdp_mali 1236992 14 - Live 0x0000000000000000\n"
-    "sdp_hdmi_rx 86016 2 - Live 0x0000000000000000\n"
-    "tztv_frontend 212992 1 - Live 0x0000000000000000\n"
-    "usb_storage 69632 1 - Live 0x0000000000000000\n"
-    "vfat 24576 1 - Live 0x0000000000000000\n"
-    "fat 69632 1 vfat, Live 0x0000000000000000\n";
+const char* const c_tvModules = "micom 40960 3 - Live 0x0000000000000000\n"
+                                "sdp_mali 1236992 14 - Live 0x0000000000000000\n"
+                                "sdp_hdmi_rx 86016 2 - Live 0x0000000000000000\n"
+                                "tztv_frontend 212992 1 - Live 0x0000000000000000\n"
+                                "usb_storage 69632 1 - Live 0x0000000000000000\n"
+                                "vfat 24576 1 - Live 0x0000000000000000\n"
+                                "fat 69632 1 vfat, Live 0x0000000000000000\n";
 
 // /proc/modules of an ordinary PC.
-const char* const c_pcModules =
-    "snd_hda_intel 57344 3 - Live 0x0000000000000000\n"
-    "snd_hda_codec 176128 1 snd_hda_intel, Live 0x0000000000000000\n"
-    "i915 3489792 42 - Live 0x0000000000000000\n"
-    "e1000e 311296 0 - Live 0x0000000000000000\n"
-    "uas 32768 0 - Live 0x0000000000000000\n"
-    "usb_storage 81920 1 uas, Live 0x0000000000000000\n"
-    "ext4 1003520 2 - Live 0x0000000000000000\n";
+const char* const c_pcModules = "snd_hda_intel 57344 3 - Live 0x0000000000000000\n"
+                                "snd_hda_codec 176128 1 snd_hda_intel, Live 0x0000000000000000\n"
+                                "i915 3489792 42 - Live 0x0000000000000000\n"
+                                "e1000e 311296 0 - Live 0x0000000000000000\n"
+                                "uas 32768 0 - Live 0x0000000000000000\n"
+                                "usb_storage 81920 1 uas, Live 0x0000000000000000\n"
+                                "ext4 1003520 2 - Live 0x0000000000000000\n";
 
 constexpr mode_t c_profileDirMode = 0755;
 constexpr mode_t c_profileFileMode = 0644;
@@ -121,7 +119,8 @@ int runProfileInit(const ProfileOptions& options)
         for (const dirent* e; (e = ::readdir(dir.get())) != nullptr;) {
             const std::string name = e->d_name;
             if (name != "." && name != "..") {
-                return fail(c_exitNegative, options.directory + " is not empty; a profile is made in a new or empty directory");
+                return fail(c_exitNegative,
+                            options.directory + " is not empty; a profile is made in a new or empty directory");
             }
         }
     } else if (errno != ENOENT || !makeDirectories(options.directory, c_profileDirMode, error)) {
@@ -161,13 +160,13 @@ int runProfileInit(const ProfileOptions& options)
     }
 
     if (!options.uid.empty()) {
-        const std::string text =
-            options.uid.size() == 1 ? std::to_string(ruid) + "\n" : std::to_string(ruid) + " " + std::to_string(euid) + "\n";
+        const std::string text = options.uid.size() == 1 ? std::to_string(ruid) + "\n"
+                                                         : std::to_string(ruid) + " " + std::to_string(euid) + "\n";
         if (!writeText(root + "/" KZOL_PROFILE_UID, text, error)) {
             return fail(error);
         }
-        layout.emplace_back("uid", "real user ID " + std::to_string(ruid) + ", effective user ID " +
-                                       std::to_string(euid));
+        layout.emplace_back("uid",
+                            "real user ID " + std::to_string(ruid) + ", effective user ID " + std::to_string(euid));
     } else {
         layout.emplace_back("(no uid)", "the process's own user IDs");
     }

@@ -91,7 +91,10 @@ bool keepOpenForInterpreter(int copy)
     return flags >= 0 && ::fcntl(copy, F_SETFD, flags & ~FD_CLOEXEC) == 0;
 }
 
-bool sameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+bool sameFile(const struct stat& a, const struct stat& b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
 
 // FILE still names the file that was captured, by the same real path.
 bool stillNames(const std::string& file, const struct stat& captured, std::string& realPath)
@@ -156,7 +159,8 @@ void addExecCommand(CLI::App& app, int& status)
 {
     auto options = std::make_shared<ExecOptions>();
     CLI::App* command = app.add_subcommand(
-        "exec", "kzol exec [--caller NAME] FILE [ARGS...]: run FILE with ARGS exactly as the library approved it: FILE is read once into a sealed "
+        "exec", "kzol exec [--caller NAME] FILE [ARGS...]: run FILE with ARGS exactly as the library approved it: FILE "
+                "is read once into a sealed "
                 "memory file, the library decides on that copy (verifyFileDescriptor; the area test and the "
                 "report take FILE as given), and the copy runs, with FILE as its argv[0]. Changing or "
                 "replacing FILE after the capture changes nothing that runs. A script's interpreter reads "
@@ -165,10 +169,7 @@ void addExecCommand(CLI::App& app, int& status)
                 "2 usage.");
     command->add_option("--caller", options->caller, "Caller name shown in messages and reports")
         ->capture_default_str();
-    // FILE and everything after it are the program's: nothing falls back to
-    // kzol's own options.
     command->prefix_command();
-    command->fallthrough(false);
     command->callback([options, command, &status] { status = runExec(*options, command->remaining()); });
 }
 

@@ -71,11 +71,10 @@ void addKeysCommand(CLI::App& app, int& status)
     cmd->add_option("--keys", options->directory, "Directory of public_key_5.pem and public_key_6.pem to compare");
     cmd->add_option("--pubkey", options->overrides, "5=FILE or 6=FILE: one public key to compare")
         ->allow_extra_args(false);
-    cmd->footer(
-        "A fingerprint is the SHA-256 of the key's DER SubjectPublicKeyInfo, as\n"
-        "  openssl pkey -pubin -outform DER -in KEY.pem | sha256sum\n"
-        "Exit status: 0 (with given keys: both present and equal to the built-in ones);\n"
-        "1 a given key differs or is missing; 2 unreadable keys or bad usage.\n");
+    cmd->footer("A fingerprint is the SHA-256 of the key's DER SubjectPublicKeyInfo, as\n"
+                "  openssl pkey -pubin -outform DER -in KEY.pem | sha256sum\n"
+                "Exit status: 0 (with given keys: both present and equal to the built-in ones);\n"
+                "1 a given key differs or is missing; 2 unreadable keys or bad usage.\n");
     cmd->callback([options, &status]() { status = runKeys(*options); });
 }
 

@@ -79,7 +79,8 @@ bool walkBlock(FILE* file, Findings& f)
         // getFileSize cannot read the last eight bytes and strips nothing; a
         // block needs more than 16 bytes anyway.
         f.blockEnd = static_cast<unsigned int>(f.fileSize);
-        f.reason = "file shorter than 8 bytes (" + std::to_string(f.fileSize) + " bytes): too short to hold a signature block";
+        f.reason =
+            "file shorter than 8 bytes (" + std::to_string(f.fileSize) + " bytes): too short to hold a signature block";
         return false;
     }
     const unsigned int end = reader.getFileSize(file);
@@ -110,8 +111,8 @@ bool walkBlock(FILE* file, Findings& f)
     }
     f.textLength = textLength;
     if (lengthPosition <= textLength) {
-        f.reason = "text length " + std::to_string(textLength) + " too large: only " +
-                   std::to_string(lengthPosition) + " bytes precede the length field";
+        f.reason = "text length " + std::to_string(textLength) + " too large: only " + std::to_string(lengthPosition) +
+                   " bytes precede the length field";
         return false;
     }
     const unsigned int offset = lengthPosition - textLength;
@@ -197,8 +198,7 @@ std::string jsonText(const std::string& bytes)
 }
 
 // The value, or null when there is none.
-template <typename T>
-Json::Value orNull(const std::optional<T>& value)
+template <typename T> Json::Value orNull(const std::optional<T>& value)
 {
     return value ? Json::Value(*value) : Json::Value(Json::nullValue);
 }
@@ -219,8 +219,8 @@ void printJson(const std::string& path, const Findings& f)
     o["file"] = jsonText(path);
     o["loaded"] = f.loaded;
     o["file_size"] = static_cast<Json::UInt64>(f.fileSize);
-    o["trailing_blanks"] = f.blockEnd ? Json::Value(static_cast<Json::UInt64>(f.fileSize - *f.blockEnd))
-                                      : Json::Value(Json::nullValue);
+    o["trailing_blanks"] =
+        f.blockEnd ? Json::Value(static_cast<Json::UInt64>(f.fileSize - *f.blockEnd)) : Json::Value(Json::nullValue);
     o["block_end"] = numberOrNull(f.blockEnd);
     o["footprint"] = orNull(f.footprint);
     o["length_field"] = f.lengthField ? Json::Value(jsonText(*f.lengthField)) : Json::Value(Json::nullValue);
@@ -228,8 +228,8 @@ void printJson(const std::string& path, const Findings& f)
     o["offset"] = numberOrNull(f.offset);
     o["type"] = characterOrNull(f.type);
     o["key_id"] = characterOrNull(f.keyId);
-    o["signature_length"] = f.signatureLength ? Json::Value(static_cast<Json::UInt64>(*f.signatureLength))
-                                              : Json::Value(Json::nullValue);
+    o["signature_length"] =
+        f.signatureLength ? Json::Value(static_cast<Json::UInt64>(*f.signatureLength)) : Json::Value(Json::nullValue);
     o["reason"] = f.loaded ? Json::Value(Json::nullValue) : Json::Value(f.reason);
     Json::Value notes(Json::arrayValue);
     for (const auto& note : f.notes) {
@@ -324,11 +324,10 @@ void addInspectCommand(CLI::App& app, int& status)
     CLI::App* cmd = app.add_subcommand("inspect", "Show the signature block of a file as the library reads it");
     cmd->add_option("FILE", options->file, "File to inspect")->required();
     cmd->add_flag("--json", options->json, "Print one JSON object instead of text");
-    cmd->footer(
-        "Shows the file size N, the trailing blanks N-E, the block end E, the length field, the text\n"
-        "length L, the offset (length of the signed region), the type and key selector and the\n"
-        "signature's length; for a file without a block, the reason.\n"
-        "Exit status: 0 a block loads; 1 no block; 2 usage or I/O error.\n");
+    cmd->footer("Shows the file size N, the trailing blanks N-E, the block end E, the length field, the text\n"
+                "length L, the offset (length of the signed region), the type and key selector and the\n"
+                "signature's length; for a file without a block, the reason.\n"
+                "Exit status: 0 a block loads; 1 no block; 2 usage or I/O error.\n");
     cmd->callback([options, &status]() { status = runInspect(*options); });
 }
 

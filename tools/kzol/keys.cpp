@@ -63,8 +63,7 @@ bool generateRsaKey(EvpPkeyPtr& key, std::string& error)
     EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
     EVP_PKEY* raw = nullptr;
     if (!ctx || EVP_PKEY_keygen_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_keygen_bits(ctx.get(), c_signingKeyBits) <= 0 ||
-        EVP_PKEY_keygen(ctx.get(), &raw) != 1) {
+        EVP_PKEY_CTX_set_rsa_keygen_bits(ctx.get(), c_signingKeyBits) <= 0 || EVP_PKEY_keygen(ctx.get(), &raw) != 1) {
         error = withOpensslErrors("RSA key generation failed");
         return false;
     }
@@ -190,7 +189,8 @@ int runKeygen(const KeygenOptions& options)
     }
 
     for (const auto& pair : pairs) {
-        std::cout << "wrote " << pair->privatePath << " (private key " << pair->selector << ", mode 0600: keep it secret)\n"
+        std::cout << "wrote " << pair->privatePath << " (private key " << pair->selector
+                  << ", mode 0600: keep it secret)\n"
                   << "wrote " << pair->publicPath << " (public key " << pair->selector << ")\n";
     }
     std::cout << "Build the library with these public keys:\n"
@@ -207,11 +207,10 @@ void addKeygenCommand(CLI::App& app, int& status)
     CLI::App* cmd = app.add_subcommand("keygen", "Create the RSA-2048 key pairs for key selectors 5 and 6");
     cmd->add_option("DIR", options->directory, "Directory for the key files (created if needed)")->required();
     cmd->add_flag("--force", options->force, "Replace existing key files");
-    cmd->footer(
-        "Writes private_key_5.pem, public_key_5.pem, private_key_6.pem and public_key_6.pem.\n"
-        "Private keys are PKCS#8 PEM with mode 0600. Public keys are in the 445-character form\n"
-        "the library's build accepts (-DKZOL_PUBLIC_KEY_5=... -DKZOL_PUBLIC_KEY_6=...).\n"
-        "Exit status: 0 written; 1 key files exist (nothing written); 2 usage or I/O error.\n");
+    cmd->footer("Writes private_key_5.pem, public_key_5.pem, private_key_6.pem and public_key_6.pem.\n"
+                "Private keys are PKCS#8 PEM with mode 0600. Public keys are in the 445-character form\n"
+                "the library's build accepts (-DKZOL_PUBLIC_KEY_5=... -DKZOL_PUBLIC_KEY_6=...).\n"
+                "Exit status: 0 written; 1 key files exist (nothing written); 2 usage or I/O error.\n");
     cmd->callback([options, &status]() { status = runKeygen(*options); });
 }
 

@@ -93,7 +93,7 @@ private:
 
     int m_signal[3] = {};
     bool m_installed[3] = {};
-    struct sigaction m_previous[3] {};
+    struct sigaction m_previous[3]{};
 };
 
 // Arms the real-time interval timer for one frame: SIGALRM after `timeoutMs`,
@@ -153,8 +153,7 @@ std::string shown(const std::string& bytes)
 
 class Listener {
 public:
-    explicit Listener(const ListenOptions& options)
-        : m_options(options), m_limit(options.once ? 1 : options.count)
+    explicit Listener(const ListenOptions& options) : m_options(options), m_limit(options.once ? 1 : options.count)
     {
         Json::CharReaderBuilder::strictMode(&m_readerSettings.settings_);
         m_prettyWriter["indentation"] = "  ";
@@ -276,26 +275,23 @@ void addListenCommand(CLI::App& app, int& status)
     auto options = std::make_shared<ListenOptions>();
     CLI::App* cmd = app.add_subcommand("listen", "Receive and print security reports, as the daemon would");
     CLI::Option* once = cmd->add_flag("--once", options->once, "Exit after the first report");
-    cmd->add_option("--count", options->count, "Exit after N reports")
-        ->check(CLI::PositiveNumber)
-        ->excludes(once);
+    cmd->add_option("--count", options->count, "Exit after N reports")->check(CLI::PositiveNumber)->excludes(once);
     cmd->add_flag("--json-lines", options->jsonLines, "Print each report as one compact JSON object per line");
     cmd->add_option("--receive-timeout", options->receiveTimeoutMs,
                     "Milliseconds a peer has for each frame (default 5000)")
         ->check(CLI::Range(1u, 3600000u));
-    cmd->footer(
-        "Binds the abstract socket SfDaemon/UserMsg (full-length address) and serves one connection\n"
-        "at a time, reading frames until the peer closes. Each frame must arrive completely within\n"
-        "the receive timeout (5 seconds unless --receive-timeout says otherwise); a peer that sends\n"
-        "nothing, stalls, sends a bad length prefix or an unterminated frame is dropped with a line on\n"
-        "standard error, and serving goes on. A frame that is not a JSON object is reported on\n"
-        "standard error and not counted.\n"
-        "Standard output carries only the reports: a header line (report number, time received in\n"
-        "UTC, text length) and the indented JSON, or one compact JSON object per line with\n"
-        "--json-lines; it is flushed after each report. \"listening on SfDaemon/UserMsg\" goes to\n"
-        "standard error once the name is bound. SIGINT or SIGTERM ends the listener.\n"
-        "Exit status: 0 the count was reached or a signal ended it; 2 the name is taken by another\n"
-        "listener, it cannot be bound, or bad usage.\n");
+    cmd->footer("Binds the abstract socket SfDaemon/UserMsg (full-length address) and serves one connection\n"
+                "at a time, reading frames until the peer closes. Each frame must arrive completely within\n"
+                "the receive timeout (5 seconds unless --receive-timeout says otherwise); a peer that sends\n"
+                "nothing, stalls, sends a bad length prefix or an unterminated frame is dropped with a line on\n"
+                "standard error, and serving goes on. A frame that is not a JSON object is reported on\n"
+                "standard error and not counted.\n"
+                "Standard output carries only the reports: a header line (report number, time received in\n"
+                "UTC, text length) and the indented JSON, or one compact JSON object per line with\n"
+                "--json-lines; it is flushed after each report. \"listening on SfDaemon/UserMsg\" goes to\n"
+                "standard error once the name is bound. SIGINT or SIGTERM ends the listener.\n"
+                "Exit status: 0 the count was reached or a signal ended it; 2 the name is taken by another\n"
+                "listener, it cannot be bound, or bad usage.\n");
     cmd->callback([options, &status]() { status = runListen(*options); });
 }
 

@@ -5,8 +5,8 @@
 
 #include "commands.h"
 #include "common.h"
-#include "log_observer.h"
 #include "kZOLUser.h"
+#include "log_observer.h"
 
 int main(int argc, char** argv)
 {

@@ -9,8 +9,8 @@
 #include "common.h"
 
 // Exported by libkZOLUser: 0 when every requested message was handed over.
-extern "C" int SendSecurityReport(const char* caller, const char* fileType, const char* path,
-                                  const char* description, int type);
+extern "C" int SendSecurityReport(const char* caller, const char* fileType, const char* path, const char* description,
+                                  int type);
 
 namespace kzol {
 
@@ -36,9 +36,9 @@ const char* given(const CLI::Option* option, const std::string& text)
 
 int runReport(const ReportOptions& o)
 {
-    const int answer = SendSecurityReport(given(o.callerOption, o.caller), given(o.fileTypeOption, o.fileType),
-                                          given(o.pathOption, o.path), given(o.descriptionOption, o.description),
-                                          o.type);
+    const int answer =
+        SendSecurityReport(given(o.callerOption, o.caller), given(o.fileTypeOption, o.fileType),
+                           given(o.pathOption, o.path), given(o.descriptionOption, o.description), o.type);
     if (answer != 0) {
         return fail(c_exitNegative, "a report was not delivered to SfDaemon/UserMsg (is a daemon listening?)");
     }
@@ -60,12 +60,11 @@ void addReportCommand(CLI::App& app, int& status)
         cmd->add_option("--description", options->description, "Description (sent cut to 1024 bytes)");
     cmd->add_option("--type", options->type, "Report type: 0 log report; bit 0 file report; bit 1 data report")
         ->required();
-    cmd->footer(
-        "Each report goes over a connection of its own to SfDaemon/UserMsg. A text option left out\n"
-        "is passed as a null pointer (sent as an empty string). Type 3 sends a file report and a\n"
-        "data report; a type with neither bit (4, 8, ...) sends nothing.\n"
-        "Exit status: 0 every requested report was handed over; 1 one could not be delivered\n"
-        "(for example nobody listens); 2 bad usage.\n");
+    cmd->footer("Each report goes over a connection of its own to SfDaemon/UserMsg. A text option left out\n"
+                "is passed as a null pointer (sent as an empty string). Type 3 sends a file report and a\n"
+                "data report; a type with neither bit (4, 8, ...) sends nothing.\n"
+                "Exit status: 0 every requested report was handed over; 1 one could not be delivered\n"
+                "(for example nobody listens); 2 bad usage.\n");
     cmd->callback([options, &status]() { status = runReport(*options); });
 }
 

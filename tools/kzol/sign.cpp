@@ -83,7 +83,8 @@ bool copyHashing(int fd, std::uint64_t length, bool toEnd, EVP_MD_CTX* digest, A
     ByteBuffer chunk(c_copyChunk);
     copied = 0;
     while (toEnd || copied < length) {
-        const std::size_t want = toEnd ? c_copyChunk : static_cast<std::size_t>(std::min<std::uint64_t>(c_copyChunk, length - copied));
+        const std::size_t want =
+            toEnd ? c_copyChunk : static_cast<std::size_t>(std::min<std::uint64_t>(c_copyChunk, length - copied));
         const ssize_t n = ::read(fd, chunk.data(), want);
         if (n < 0) {
             if (errno == EINTR) {
@@ -213,8 +214,8 @@ FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string
         return failed(error);
     }
     say(std::cout, std::string(replacing ? "re-signed " : "signed ") + file +
-                       (options.output.empty() ? "" : " into " + options.output) + ": type " + type + ", key " +
-                       keyId + ", signed region " + std::to_string(signedRegion) + " bytes");
+                       (options.output.empty() ? "" : " into " + options.output) + ": type " + type + ", key " + keyId +
+                       ", signed region " + std::to_string(signedRegion) + " bytes");
     return {Outcome::Signed, c_exitSuccess};
 }
 
@@ -252,8 +253,8 @@ int checkKey(const SignOptions& options, EVP_PKEY* key)
     }
     if (fingerprintHex != mine) {
         std::cerr << "kzol: warning: " << options.key << " matches neither " << source
-                  << " public key; its signatures verify only where its public half is built in as key "
-                  << selector << std::endl;
+                  << " public key; its signatures verify only where its public half is built in as key " << selector
+                  << std::endl;
     }
     return c_exitSuccess;
 }
@@ -349,7 +350,8 @@ void addSignCommand(CLI::App& app, int& status)
     auto options = std::make_shared<SignOptions>();
     CLI::App* cmd = app.add_subcommand("sign", "Append a signature block to files");
     cmd->add_option("FILE", options->files, "Files to sign (each replaced atomically unless -o is given)");
-    cmd->add_option("--from", options->from, "Also sign the files listed in this file, one path a line (- for standard input)");
+    cmd->add_option("--from", options->from,
+                    "Also sign the files listed in this file, one path a line (- for standard input)");
     cmd->add_option("--key", options->key, "RSA-2048 private key: a PEM file or a pkcs11: URI")->required();
     cmd->add_option("--key-id", options->keyId, "Key selector the block names: 5 or 6")
         ->required()
@@ -357,14 +359,17 @@ void addSignCommand(CLI::App& app, int& status)
     cmd->add_option("--type", options->type, "Signature type character: P (default); L only with --force")
         ->check(CLI::IsMember({"P", "L"}));
     cmd->add_option("-o,--output", options->output, "Write the signed file here instead of replacing FILE (one FILE)");
-    cmd->add_flag("--force", options->force, "Replace an existing block; overwrite an existing -o file; allow --type L");
+    cmd->add_flag("--force", options->force,
+                  "Replace an existing block; overwrite an existing -o file; allow --type L");
     cmd->add_option("-j,--jobs", options->jobs, "Files signed at once (default: one per processor)")
         ->check(CLI::Range(1U, 256U));
-    cmd->add_option("--keys", options->keyDirectory, "Public keys the key is checked against (default: the built-in ones)");
+    cmd->add_option("--keys", options->keyDirectory,
+                    "Public keys the key is checked against (default: the built-in ones)");
     cmd->add_option("--pubkey", options->publicKeys, "5=FILE or 6=FILE: a public key the key is checked against")
         ->allow_extra_args(false);
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
-    cmd->add_option("--pin-file", options->token.pinFile, "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
+    cmd->add_option("--pin-file", options->token.pinFile,
+                    "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
     cmd->footer(
         "The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
         "over SHA-256. The result keeps FILE's permission bits. The key is checked first: the private\n"

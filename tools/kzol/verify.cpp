@@ -84,13 +84,12 @@ void addVerifyCommand(CLI::App& app, int& status)
                     "instead of the built-in keys");
     cmd->add_option("--pubkey", options->publicKeys, "5=FILE or 6=FILE: verify that selector with this public key")
         ->allow_extra_args(false);
-    cmd->footer(
-        "Prints the library's result for each file (after \"FILE: \" when there are several):\n"
-        "BS_SIGNATURE_CORRECT, BS_SIGNATURE_INCORRECT, BS_NOT_SIGNED or BS_ERROR. With --keys or\n"
-        "--pubkey the library's verification runs with those keys in place of the built-in ones;\n"
-        "a selector without a given key answers BS_ERROR.\n"
-        "Exit status: 0 every file BS_SIGNATURE_CORRECT; 1 any other result; 2 a FILE missing,\n"
-        "not a regular file or unreadable, unreadable keys, or bad usage.\n");
+    cmd->footer("Prints the library's result for each file (after \"FILE: \" when there are several):\n"
+                "BS_SIGNATURE_CORRECT, BS_SIGNATURE_INCORRECT, BS_NOT_SIGNED or BS_ERROR. With --keys or\n"
+                "--pubkey the library's verification runs with those keys in place of the built-in ones;\n"
+                "a selector without a given key answers BS_ERROR.\n"
+                "Exit status: 0 every file BS_SIGNATURE_CORRECT; 1 any other result; 2 a FILE missing,\n"
+                "not a regular file or unreadable, unreadable keys, or bad usage.\n");
     cmd->callback([options, &status]() { status = runVerify(*options); });
 }
 

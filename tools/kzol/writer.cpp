@@ -77,7 +77,8 @@ bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error
 
 ByteBuffer metadataField(char type, char keyId)
 {
-    return ByteBuffer{static_cast<unsigned char>(type), static_cast<unsigned char>(keyId), block_layout::c_metaReserved};
+    return ByteBuffer{static_cast<unsigned char>(type), static_cast<unsigned char>(keyId),
+                      block_layout::c_metaReserved};
 }
 
 bool signData(EVP_PKEY* key, const ByteBuffer& data, ByteBuffer& rawSignature, std::string& error)
@@ -159,8 +160,7 @@ bool signDigest(EVP_PKEY* key, const unsigned char* digest, std::size_t digestLe
                 std::string& error)
 {
     EvpPkeyCtxPtr ctx(EVP_PKEY_CTX_new(key, nullptr));
-    if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
+    if (!ctx || EVP_PKEY_sign_init(ctx.get()) != 1 || EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_PKCS1_PADDING) <= 0 ||
         EVP_PKEY_CTX_set_signature_md(ctx.get(), EVP_sha256()) <= 0) {
         error = withOpensslErrors("cannot set up RSA/SHA-256 signing");
         return false;
@@ -234,8 +234,8 @@ bool blockReadsBack(const std::string& path, std::size_t contentSize, char type,
 {
     Signature check;
     _ZolSigMeta meta{};
-    return check.loadFromFile(path, meta) && check.offset() == contentSize + c_metaFieldSize &&
-           meta.sigType == type && meta.keyId == keyId;
+    return check.loadFromFile(path, meta) && check.offset() == contentSize + c_metaFieldSize && meta.sigType == type &&
+           meta.keyId == keyId;
 }
 
 }  // namespace kzol

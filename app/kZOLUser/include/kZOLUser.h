@@ -74,28 +74,27 @@
 extern "C" {
 #endif
 
-int verifyFileWihtoutKey(const char *fileName, const char *caller);
+int verifyFileWihtoutKey(const char* fileName, const char* caller);
 
 /* The policy step that decided an answer. */
 enum kzol_step {
-    KZOL_STEP_FAILURE = 0,            /* refused: a failure inside the library */
-    KZOL_STEP_MISSING = 1,            /* refused: the file does not exist */
-    KZOL_STEP_OUTSIDE_AREAS = 2,      /* allowed: outside the user-writable areas */
-    KZOL_STEP_NOT_TELEVISION = 3,     /* allowed: not a television */
+    KZOL_STEP_FAILURE = 0,             /* refused: a failure inside the library */
+    KZOL_STEP_MISSING = 1,             /* refused: the file does not exist */
+    KZOL_STEP_OUTSIDE_AREAS = 2,       /* allowed: outside the user-writable areas */
+    KZOL_STEP_NOT_TELEVISION = 3,      /* allowed: not a television */
     KZOL_STEP_DISABLE_CERTIFICATE = 4, /* allowed: a disable certificate for this device */
-    KZOL_STEP_ISOLATED_CONTAINER = 5, /* allowed: an isolated container */
-    KZOL_STEP_SIGNATURE = 6           /* the signature check decided; see result */
+    KZOL_STEP_ISOLATED_CONTAINER = 5,  /* allowed: an isolated container */
+    KZOL_STEP_SIGNATURE = 6            /* the signature check decided; see result */
 };
 struct kzol_decision {
     int step;   /* enum kzol_step */
     int result; /* verification result for KZOL_STEP_SIGNATURE, else 0 */
 };
-int verifyFileExplained(const char *fileName, const char *caller, struct kzol_decision *decision);
-int verifyFile(void *unused, const char *fileName, const char *caller);
-int verifyFileDescriptor(int fd, const char *fileName, const char *caller);
-int SendSecurityReport(const char *caller, const char *fileType, const char *path,
-                       const char *description, int type);
-const char *kZOLUserVersion(void);
+int verifyFileExplained(const char* fileName, const char* caller, struct kzol_decision* decision);
+int verifyFile(void* unused, const char* fileName, const char* caller);
+int verifyFileDescriptor(int fd, const char* fileName, const char* caller);
+int SendSecurityReport(const char* caller, const char* fileType, const char* path, const char* description, int type);
+const char* kZOLUserVersion(void);
 
 #ifdef __cplusplus
 }

@@ -14,9 +14,9 @@
 #include <optional>
 #include <string>
 
-#include "kZOLUser.h"
 #include "bs_context.h"
 #include "handles.h"
+#include "kZOLUser.h"
 #include "log.h"
 #include "main.h"
 #include "securezone_context.h"
@@ -125,8 +125,7 @@ const char* shown(const char* text)
     return text != nullptr ? text : "(null)";
 }
 
-int sendSecurityReport(const char* caller, const char* fileType, const char* path, const char* description,
-                       int type)
+int sendSecurityReport(const char* caller, const char* fileType, const char* path, const char* description, int type)
 {
     KZOL_LOGI_IN("SendSecurityReport", "Start Send Report");
     const BSContext context;
@@ -158,8 +157,8 @@ int sendSecurityReport(const char* caller, const char* fileType, const char* pat
 // message was handed over, 1 when one failed. A failure that would escape as
 // an exception (such as exhausted memory) answers 1: the caller cannot take
 // an exception, and the report was not delivered.
-extern "C" int SendSecurityReport(const char* caller, const char* fileType, const char* path,
-                                  const char* description, int type)
+extern "C" int SendSecurityReport(const char* caller, const char* fileType, const char* path, const char* description,
+                                  int type)
 {
     try {
         return sendSecurityReport(caller, fileType, path, description, type);
@@ -232,7 +231,8 @@ namespace {
 // from a noexcept function the rethrow below would end the process instead.
 // `decision` (when given) learns which step decided and, when the signature
 // was checked, the result.
-int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision) try {
+int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision)
+try {
     static const char* const c_entry = "verifyFileWihtoutKey";
     const auto decided = [decision](int step, int result) {
         if (decision != nullptr) {
