@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "descriptors.h"
 #include "device.h"
 #include "handles.h"
 #include "kZOLUser.h"
@@ -31,20 +32,6 @@ const std::string c_script = "#!/bin/sh\necho 'from the user area'\n";
 
 // What a row's child reports through its exit status.
 enum Outcome : int { c_cancelled = 0, c_returned = 1, c_leaked = 2, c_stuck = 3, c_setupFailed = 4 };
-
-int openDescriptors()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (const dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    (void)closedir(dir);
-    return count;
-}
 
 // The daemon's name taken by a listener that never accepts, its queue full:
 // the library's connect waits for as long as the daemon likes.

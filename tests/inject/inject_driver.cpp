@@ -27,6 +27,7 @@
 #include <string>
 
 #include "bs_context.h"
+#include "descriptors.h"
 #include "handles.h"
 #include "kZOLUser.h"
 
@@ -44,20 +45,6 @@ SiteFn g_site;
 // c_sampleHead, so that a scenario stays within seconds.
 constexpr long c_fullSweep = 600;
 constexpr long c_sampleHead = 300;
-
-int openDescriptors()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (const dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    (void)closedir(dir);
-    return count;
-}
 
 UniqueFd daemonSocket()
 {

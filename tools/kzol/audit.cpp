@@ -18,7 +18,6 @@
 #include <limits.h>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "bs_context.h"
 #include "commands.h"
@@ -162,29 +161,18 @@ int runAudit(const AuditOptions& options)
 
     const bool progress = ::isatty(2) == 1;
     const auto start = std::chrono::steady_clock::now();
-    unsigned int jobs = options.jobs != 0 ? options.jobs : std::max(1U, std::thread::hardware_concurrency());
-    std::atomic<std::size_t> next{0}, done{0};
+    std::atomic<std::size_t> done{0};
     std::mutex progressMutex;
-    const auto work = [&]() {
-        for (std::size_t i = next++; i < entries.size(); i = next++) {
-            classify(entries[i], options.caller);
-            const std::size_t count = ++done;
-            if (progress && (count % 64 == 0 || count == entries.size())) {
-                const std::lock_guard<std::mutex> lock(progressMutex);
-                const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-                std::fprintf(stderr, "\r%zu/%zu files, %.0f files/s", count, entries.size(),
-                             seconds > 0 ? static_cast<double>(count) / seconds : 0.0);
-            }
+    forEachInParallel(entries.size(), workerCount(options.jobs), [&](std::size_t i) {
+        classify(entries[i], options.caller);
+        const std::size_t count = ++done;
+        if (progress && (count % 64 == 0 || count == entries.size())) {
+            const std::lock_guard<std::mutex> lock(progressMutex);
+            const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            std::fprintf(stderr, "\r%zu/%zu files, %.0f files/s", count, entries.size(),
+                         seconds > 0 ? static_cast<double>(count) / seconds : 0.0);
         }
-    };
-    std::vector<std::thread> workers;
-    for (unsigned int w = 1; w < jobs; ++w) {
-        workers.emplace_back(work);
-    }
-    work();
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    });
     if (progress && !entries.empty()) {
         std::fprintf(stderr, "\n");
     }

@@ -5,13 +5,40 @@
 
 #include <openssl/err.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <thread>
+#include <vector>
 
 namespace kzol {
+
+unsigned int workerCount(unsigned int requested)
+{
+    return requested != 0 ? requested : std::max(1U, std::thread::hardware_concurrency());
+}
+
+void forEachInParallel(std::size_t count, unsigned int jobs, const std::function<void(std::size_t)>& item)
+{
+    std::atomic<std::size_t> next{0};
+    const auto work = [&]() {
+        for (std::size_t i = next++; i < count; i = next++) {
+            item(i);
+        }
+    };
+    std::vector<std::thread> workers;
+    for (unsigned int w = 1; w < jobs && w < count; ++w) {
+        workers.emplace_back(work);
+    }
+    work();
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+}
 
 int fail(const std::string& message)
 {

@@ -7,6 +7,8 @@
 #include <openssl/evp.h>
 #include <sys/stat.h>
 
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -42,6 +44,12 @@ std::string errnoText(int err);
 // c_exitSuccess when `path` names a regular file (its status in `status`
 // when given); otherwise reports why not and answers c_exitError.
 int requireRegularFile(const std::string& path, struct stat* status = nullptr);
+
+// The number of workers for -j N: N, or one per core when N is 0.
+unsigned int workerCount(unsigned int requested);
+// Calls `item` once for every index below `count`, spread over `jobs`
+// threads, the calling one among them; returns when every call has.
+void forEachInParallel(std::size_t count, unsigned int jobs, const std::function<void(std::size_t)>& item);
 
 // Reads the whole file into `bytes`; a file longer than `limit` bytes is refused.
 bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error,

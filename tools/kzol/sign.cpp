@@ -17,7 +17,6 @@
 #include <limits>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 #include "atomic_file.h"
 #include "commands.h"
@@ -316,27 +315,12 @@ int runSign(const SignOptions& options)
         return signOne(options, key.get(), files.front()).status;
     }
 
-    unsigned int jobs = options.jobs != 0 ? options.jobs : std::max(1U, std::thread::hardware_concurrency());
-    if (key.inToken()) {
-        jobs = 1;  // one signature at a time through the token's session
-    }
-    jobs = std::min<std::size_t>(jobs, files.size());
-    std::atomic<std::size_t> next{0};
+    const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
     std::atomic<std::size_t> counts[3] = {{0}, {0}, {0}};
-    const auto work = [&]() {
-        for (std::size_t i = next++; i < files.size(); i = next++) {
-            const FileOutcome result = signOne(options, key.get(), files[i]);
-            ++counts[static_cast<int>(result.outcome)];
-        }
-    };
-    std::vector<std::thread> workers;
-    for (unsigned int w = 1; w < jobs; ++w) {
-        workers.emplace_back(work);
-    }
-    work();
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    forEachInParallel(files.size(), jobs, [&](std::size_t i) {
+        const FileOutcome result = signOne(options, key.get(), files[i]);
+        ++counts[static_cast<int>(result.outcome)];
+    });
     const std::size_t failures = counts[static_cast<int>(Outcome::Failed)];
     std::cout << counts[static_cast<int>(Outcome::Signed)] << " signed, " << counts[static_cast<int>(Outcome::Skipped)]
               << " skipped, " << failures << " failed" << std::endl;
