@@ -231,15 +231,35 @@ namespace {
 // from a noexcept function the rethrow below would end the process instead.
 // `decision` (when given) learns which step decided and, when the signature
 // was checked, the result.
+const char* const c_entry = "verifyFileWihtoutKey";
+
+void record(kzol_decision* decision, int step, int result)
+{
+    if (decision != nullptr) {
+        decision->step = step;
+        decision->result = result;
+    }
+}
+
+// The certificate step: true when a disable certificate for this device is
+// attached.
+bool disabledByCertificate(BSContext& context, const char* callerName)
+{
+    std::string certificate;
+    if (!findCertificate(certificate)) {
+        return false;
+    }
+    const std::string duid = GetDUID();
+    if (context.verifyFileWithDeviceId(certificate, duid, callerName) != BS_SIGNATURE_CORRECT) {
+        return false;
+    }
+    KZOL_LOGI_IN(c_entry, "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
+    return true;
+}
+
 int decide(const char* fileName, const char* caller, const int* descriptor, kzol_decision* decision)
 try {
-    static const char* const c_entry = "verifyFileWihtoutKey";
-    const auto decided = [decision](int step, int result) {
-        if (decision != nullptr) {
-            decision->step = step;
-            decision->result = result;
-        }
-    };
+    const auto decided = [decision](int step, int result) { record(decision, step, result); };
     decided(KZOL_STEP_FAILURE, BS_ERROR);
     BSContext context;
     if (fileName == nullptr || access(fileName, F_OK) != 0) {
@@ -268,14 +288,9 @@ try {
         return 1;
     }
 
-    std::string certificate;
-    if (findCertificate(certificate)) {
-        const std::string duid = GetDUID();
-        if (context.verifyFileWithDeviceId(certificate, duid, callerName) == BS_SIGNATURE_CORRECT) {
-            KZOL_LOGI_IN(c_entry, "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m", callerName);
-            decided(KZOL_STEP_DISABLE_CERTIFICATE, BS_ERROR);
-            return 1;
-        }
+    if (disabledByCertificate(context, callerName)) {
+        decided(KZOL_STEP_DISABLE_CERTIFICATE, BS_ERROR);
+        return 1;
     }
 
     SecureZoneContext zone(c_zonePath);
@@ -301,10 +316,7 @@ try {
 } catch (abi::__forced_unwind&) {
     throw;  // the thread is being cancelled: its unwinding must go on
 } catch (...) {
-    if (decision != nullptr) {
-        decision->step = KZOL_STEP_FAILURE;
-        decision->result = BS_ERROR;
-    }
+    record(decision, KZOL_STEP_FAILURE, BS_ERROR);
     return 0;
 }
 
