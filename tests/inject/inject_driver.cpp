@@ -48,7 +48,6 @@ struct PlatformMessage {
     const char* text;      // between the level's colour and the closing reset
 };
 
-// NOLINTBEGIN(cert-err58-cpp)
 const PlatformMessage c_platformMessages[] = {
     // Signed-file layout.
     {DLOG_ERROR, "signature.cpp", "%i", "Signature::loadFromFile(): failed to open [%s] for reading"},
@@ -127,7 +126,6 @@ const char* const c_standardErrorMessages[] = {
     "BSContext::verifyFileWithDeviceId(): error during signature check",
     "\033[1;31m[zol][%s:%s][%d];\033[0m",
 };
-// NOLINTEND(cert-err58-cpp)
 
 bool isNameCharacter(char c)
 {
