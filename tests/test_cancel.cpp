@@ -127,6 +127,13 @@ std::string described(int status)
 
 TEST(Cancellation, EndsTheThreadNotTheProcess)
 {
+#if defined(__SANITIZE_ADDRESS__)
+    // AddressSanitizer keeps the shadow of the frames that a cancellation
+    // unwinds (it is no C++ throw) and then reports the next call that
+    // reuses that stack; it cannot judge this test. The plain, hardened,
+    // ThreadSanitizer, valgrind and armhf runs do.
+    GTEST_SKIP() << "a cancelled thread's unwinding is not followed by AddressSanitizer";
+#endif
     const TempDir dir("/tmp");
     const std::string area = std::filesystem::canonical(dir.path());
     const std::string unsignedOne = area + "/unsigned.sh", signedOne = area + "/signed.sh";
