@@ -60,6 +60,12 @@ TEST(Report, RefusalsNameTheResultAndTheMoment)
         {3, 14, 8, 1, "0314081", 0, "BS_ERROR", "s", "o", 24855},
         {6, 28, 16, 2, "0628162", 0, "BS_ERROR", "s", "o", 49710},
     };
+    // The suites after this one in the same process expect the clock they
+    // started with.
+    struct ClockRestored {
+        const timespec saved = g_reportTime;
+        ~ClockRestored() { g_reportTime = saved; }
+    } const restored;
     DaemonListener daemon;
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.sequence) + " on day " + std::to_string(c.day));
