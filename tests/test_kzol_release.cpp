@@ -44,6 +44,14 @@ TempDir* KzolRelease::s_keys = nullptr;
 
 namespace {
 
+// One kzol run of a table: its arguments, exit status and standard output.
+struct ToolCase {
+    const char* name;
+    std::string args;
+    int status;
+    std::string out;
+};
+
 // Sorted "PATH CLASS" lines, one per file, from the audit's JSON.
 std::string auditClasses(const std::string& json)
 {
@@ -116,13 +124,7 @@ TEST_F(KzolRelease, BatchSignThenVerifyWithTheDeploymentsKeys)
             "s" + std::to_string(i) + ".sh: " + (i == 3 ? "BS_SIGNATURE_INCORRECT" : "BS_SIGNATURE_CORRECT") + "\n";
     }
     const std::string keys5 = " --pubkey 5=" + shq(key("public_key_5.pem")) + " ";
-    struct Case {
-        const char* name;
-        std::string args;
-        int status;
-        std::string out;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<ToolCase> cases = {
         {"deployment keys", "verify --keys " + shq(s_keys->path()) + " " + list, 1, expected},
         {"one file, bare result", "verify --keys " + shq(s_keys->path()) + " s0.sh", 0, "BS_SIGNATURE_CORRECT\n"},
         {"built-in keys", "verify s0.sh", 1, "BS_SIGNATURE_INCORRECT\n"},
@@ -155,13 +157,7 @@ TEST_F(KzolRelease, KeysNamesFingerprintsAndTheDevelopmentKeys)
         "built-in key 5: SHA256:" + dev5 + "\nbuilt-in key 6: SHA256:" + dev6 + "\n" +
         "WARNING: this build verifies with the DEVELOPMENT keys of the source tree (keys/dev); their private halves"
         " are public, anyone can sign for it: never ship it\n";
-    struct Case {
-        const char* name;
-        std::string args;
-        int status;
-        std::string out;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<ToolCase> cases = {
         {"built-in only", "keys", 0, builtIn},
         {"the tree's own keys", "keys --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev"), 0,
          builtIn + "given key 5: SHA256:" + dev5 + " (matches the built-in key)\ngiven key 6: SHA256:" + dev6 +

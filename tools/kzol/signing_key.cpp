@@ -59,13 +59,13 @@ SigningKey::~SigningKey()
     m_token.reset();
 }
 
-bool SigningKey::load(const std::string& spec, const TokenOptions& options, std::string& error)
+bool SigningKey::load(const std::string& keyName, const TokenOptions& options, std::string& error)
 {
-    if (!isTokenUri(spec)) {
-        return loadSigningKey(spec, m_key, error);
+    if (!isTokenUri(keyName)) {
+        return loadSigningKey(keyName, m_key, error);
     }
     TokenUri uri;
-    if (!parseTokenUri(spec, uri, error)) {
+    if (!parseTokenUri(keyName, uri, error)) {
         return false;
     }
     const std::string module = !uri.modulePath.empty() ? uri.modulePath : options.module;
@@ -147,7 +147,7 @@ bool SigningKey::load(const std::string& spec, const TokenOptions& options, std:
         }
     }
     if (found == nullptr) {
-        error = "no private key in the token matches " + spec.substr(0, spec.find('?'));
+        error = "no private key in the token matches " + keyName.substr(0, keyName.find('?'));
         return false;
     }
     if (matching > 1) {

@@ -27,8 +27,8 @@ public:
     SigningKey(const SigningKey&) = delete;
     SigningKey& operator=(const SigningKey&) = delete;
 
-    // Loads `spec` (a PEM path or a pkcs11: URI); only an RSA-2048 key is accepted.
-    bool load(const std::string& spec, const TokenOptions& options, std::string& error);
+    // Loads `keyName` (a PEM path or a pkcs11: URI); only an RSA-2048 key is accepted.
+    bool load(const std::string& keyName, const TokenOptions& options, std::string& error);
     EVP_PKEY* get() const { return m_key.get(); }
     // A token key serves one signature at a time.
     bool inToken() const { return m_token != nullptr; }
