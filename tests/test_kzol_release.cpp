@@ -234,6 +234,61 @@ TEST_F(KzolRelease, AlreadySignedFilesAreSkippedInABatch)
     EXPECT_EQ(readFile(work.file("old.sh")), signedFile("echo old\n", "P50", devPrivateKey('5')));
 }
 
+// A batch gives its files their names in rounds, one flush for each round:
+// every good file is signed exactly as the openssl command signs it, in
+// either directory, however few descriptors the process may open; the ones
+// that fail are counted and leave the rest alone; no temporary file is left.
+TEST_F(KzolRelease, BatchCommitsEveryGoodFileInRounds)
+{
+    struct Case {
+        const char* name;
+        std::string limit;  // a shell command run before kzol
+    };
+    const std::vector<Case> cases = {
+        {"descriptors as usual", "true"},
+        {"few descriptors", "ulimit -n 20"},
+    };
+    const std::size_t bigSize = (5 << 20) + 7;  // written while the next piece is read
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const TempDir work;
+        std::filesystem::create_directory(work.file("a"));
+        std::filesystem::create_directory(work.file("b"));
+        std::map<std::string, std::string> contents;
+        for (int i = 0; i < 40; ++i) {
+            contents["a/" + std::to_string(i) + ".sh"] = "#!/bin/sh\necho " + std::to_string(i) + "\n";
+        }
+        contents["b/x.sh"] = "echo x\n";
+        std::string big(bigSize, '\0');
+        for (std::size_t i = 0; i < big.size(); ++i) {
+            big[i] = static_cast<char>((i * 2654435761U) >> 11);
+        }
+        contents["b/big"] = big;
+        std::string list = "nothere\na\n";
+        for (const auto& [name, content] : contents) {
+            writeFile(work.file(name), content);
+            list += name + "\n";
+        }
+        writeFile(work.file("list"), list);
+
+        std::string out;
+        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + c.limit + " && " + shq(KZOL_TOOL) + " sign -j 2 --key " +
+                          shq(devPrivateKey('5')) + " --key-id 5 --from list 2>/dev/null",
+                      &out),
+                  1);
+        EXPECT_NE(out.find("42 signed, 0 skipped, 2 failed\n"), std::string::npos) << out;
+        for (const auto& [name, content] : contents) {
+            SCOPED_TRACE(name);
+            EXPECT_TRUE(readFile(work.file(name)) == signedFile(content, "P50", devPrivateKey('5')));
+        }
+        for (const char* dir : {"a", "b"}) {
+            for (const auto& entry : std::filesystem::directory_iterator(work.file(dir))) {
+                EXPECT_EQ(entry.path().filename().string().find(".kzol-"), std::string::npos) << entry.path();
+            }
+        }
+    }
+}
+
 // Signing reads in 1 MiB pieces: files around the piece size come out as the
 // openssl command signs them (PKCS#1 v1.5 signatures are deterministic), also
 // when an old block is replaced.
@@ -241,7 +296,8 @@ TEST_F(KzolRelease, LargeFilesSignedPieceByPiece)
 {
     const TempDir work;
     const std::size_t mib = 1 << 20;
-    for (const std::size_t size : {mib - 1, mib, mib + 1, 2 * mib + 4097}) {
+    // From 4 MiB on, one thread reads and hashes while another writes.
+    for (const std::size_t size : {mib - 1, mib, mib + 1, 2 * mib + 4097, 4 * mib + 1, 9 * mib + 3}) {
         SCOPED_TRACE(size);
         std::string content(size, '\0');
         for (std::size_t i = 0; i < size; ++i) {

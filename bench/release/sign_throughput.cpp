@@ -2,7 +2,8 @@
 //   batch:     N small scripts in one call (one worker) against N calls of one file each
 //   workers:   the same call with two workers against one
 //   streaming: one large file against `openssl dgst -sha256 -sign` on the same file,
-//              with the peak resident memory of each
+//              with the peak resident memory of each; in memory (/dev/shm), and on
+//              the disk under DIR, where copying it and flushing the copy is the floor
 // Every figure is the elapsed time of whole processes (the median of a few
 // runs); each row prints its ratio and target.
 //
@@ -84,6 +85,59 @@ void row(const char* what, double value, const char* against, double reference, 
     failedRun = failedRun || !ok;
 }
 
+
+void removeTree(const std::string& dir)
+{
+    const std::string cleanup = "rm -rf '" + dir + "'";
+    if (std::system(cleanup.c_str()) != 0) {
+        std::fprintf(stderr, "could not remove %s\n", dir.c_str());
+    }
+}
+
+// One large file signed in place (`kzol sign --force`, so each run re-signs
+// it) and signed by openssl, side by side; and, as the floor on a disk, a
+// copy of it written and flushed.
+struct Large {
+    bool inMemory = false;
+    bool allSigned = true;
+    std::vector<double> kzol, openssl, flushedCopy;
+    long peakKiB = 0, opensslPeakKiB = 0;
+};
+
+Large measureLarge(const std::string& dir, long mib, int runs, const std::string& kzol, const std::string& key)
+{
+    Large l;
+    const std::string big = dir + "/large.bin";
+    {
+        std::string block(1 << 20, '\0');
+        for (std::size_t i = 0; i < block.size(); ++i) {
+            block[i] = static_cast<char>(i * 2654435761U >> 13);
+        }
+        std::ofstream out(big, std::ios::binary | std::ios::trunc);
+        for (long i = 0; i < mib; ++i) {
+            block[0] = static_cast<char>(i);
+            out.write(block.data(), static_cast<std::streamsize>(block.size()));
+        }
+    }
+    // Its writing done before the first figure.
+    runProcess({"/bin/sync", big});
+    for (int r = 0; r < runs; ++r) {
+        const Measure o =
+            runProcess({"/usr/bin/openssl", "dgst", "-sha256", "-sign", key, "-out", dir + "/large.sig", big});
+        const Measure k = runProcess({kzol, "sign", "--force", "--key", key, "--key-id", "5", big});
+        const Measure c =
+            runProcess({"/bin/dd", "if=" + big, "of=" + dir + "/copy.bin", "bs=1M", "conv=fsync", "status=none"});
+        ::unlink((dir + "/copy.bin").c_str());
+        l.allSigned = l.allSigned && o.status == 0 && k.status == 0 && c.status == 0;
+        l.openssl.push_back(o.seconds);
+        l.kzol.push_back(k.seconds);
+        l.flushedCopy.push_back(c.seconds);
+        l.opensslPeakKiB = std::max(l.opensslPeakKiB, o.peakKiB);
+        l.peakKiB = std::max(l.peakKiB, k.peakKiB);
+    }
+    return l;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -144,30 +198,16 @@ int main(int argc, char** argv)
         two.push_back(j2.seconds);
     }
 
-    std::vector<double> large, openssl;
-    long largePeak = 0, opensslPeak = 0;
-    const std::string big = dir + "/large.bin";
+    // The large file on the disk under DIR, and in memory (/dev/shm) where
+    // no device bounds the copy that the atomic replace writes and flushes.
+    std::vector<Large> larges;
     if (largeMiB > 0) {
-        {
-            std::string block(1 << 20, '\0');
-            for (std::size_t i = 0; i < block.size(); ++i) {
-                block[i] = static_cast<char>(i * 2654435761U >> 13);
-            }
-            std::ofstream out(big, std::ios::binary | std::ios::trunc);
-            for (long i = 0; i < largeMiB; ++i) {
-                block[0] = static_cast<char>(i);
-                out.write(block.data(), static_cast<std::streamsize>(block.size()));
-            }
-        }
-        for (int r = 0; r < runs; ++r) {
-            const Measure o =
-                runProcess({"/usr/bin/openssl", "dgst", "-sha256", "-sign", key, "-out", dir + "/large.sig", big});
-            const Measure k = runProcess({kzol, "sign", "--force", "--key", key, "--key-id", "5", big});
-            allSigned = allSigned && o.status == 0 && k.status == 0;
-            openssl.push_back(o.seconds);
-            large.push_back(k.seconds);
-            opensslPeak = std::max(opensslPeak, o.peakKiB);
-            largePeak = std::max(largePeak, k.peakKiB);
+        larges.push_back(measureLarge(dir, largeMiB, runs, kzol, key));
+        std::string memory = "/dev/shm/kzol-sign-bench-XXXXXX";
+        if (mkdtemp(memory.data()) != nullptr) {
+            larges.push_back(measureLarge(memory, largeMiB, runs, kzol, key));
+            larges.back().inMemory = true;
+            removeTree(memory);
         }
     }
 
@@ -177,21 +217,30 @@ int main(int argc, char** argv)
         median(separate) >= 10 * median(one));
     row("one call, 2 workers", median(two), "one call, 1 worker", median(one), ">= 1.6",
         median(one) >= 1.6 * median(two));
-    if (largeMiB > 0) {
-        row("large file, kzol sign", median(large), "openssl dgst -sha256 -sign", median(openssl), ">= 0.67",
-            median(large) <= 1.5 * median(openssl));
-        const bool bounded = largePeak <= 32 * 1024;
+    for (const Large& l : larges) {
+        allSigned = allSigned && l.allSigned;
+        if (l.inMemory) {
+            row("large file in memory, kzol sign", median(l.kzol), "openssl dgst -sha256 -sign", median(l.openssl),
+                ">= 0.67", median(l.kzol) <= 1.5 * median(l.openssl));
+        } else {
+            // On a disk the copy must reach the device before it takes the
+            // file's name: the floor is hashing plus writing and flushing it.
+            std::printf("| %-34s | %9.3f | %-30s | %9.3f | %6.2f | %-11s |\n", "large file on disk, kzol sign",
+                        median(l.kzol), "openssl dgst -sha256 -sign", median(l.openssl),
+                        median(l.openssl) / median(l.kzol), "(disk)");
+            row("large file on disk, kzol sign", median(l.kzol), "openssl, then copy + fsync",
+                median(l.openssl) + median(l.flushedCopy), ">= 0.67",
+                median(l.kzol) <= 1.5 * (median(l.openssl) + median(l.flushedCopy)));
+        }
+        const bool bounded = l.peakKiB <= 32 * 1024;
         std::printf("| %-34s | %6ld KiB | %-30s | %6ld KiB |        | <= 32 MiB %s |\n",
-                    "large file, peak resident memory", largePeak, "openssl dgst -sha256 -sign", opensslPeak,
-                    bounded ? "ok" : "MISSED");
+                    l.inMemory ? "large file in memory, peak memory" : "large file on disk, peak memory", l.peakKiB,
+                    "openssl dgst -sha256 -sign", l.opensslPeakKiB, bounded ? "ok" : "MISSED");
         failedRun = failedRun || !bounded;
     }
     if (!allSigned) {
         std::printf("some signing run failed\n");
     }
-    const std::string cleanup = "rm -rf '" + dir + "'";
-    if (std::system(cleanup.c_str()) != 0) {
-        std::fprintf(stderr, "could not remove %s\n", dir.c_str());
-    }
+    removeTree(dir);
     return allSigned && !failedRun ? 0 : 1;
 }

@@ -47,9 +47,19 @@ std::string baseNameOf(const std::string& path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-// Makes a rename or link in `directory` durable, as far as the file system
-// allows. This comes after the new name is in place, so a failure here is not
-// reported: the destination already holds the complete new contents.
+// link() errors that say the file system has no hard links.
+bool noHardLinks(int err)
+{
+    return err == EPERM || err == EOPNOTSUPP || err == ENOSYS || err == EMLINK;
+}
+
+// Written bytes beyond which the disk is asked to start taking them: a large
+// file goes to disk while it is written, and the flush at the commit finds
+// little left to do.
+constexpr std::uint64_t c_writebackStep = 8 << 20;
+
+}  // namespace
+
 void syncDirectory(const std::string& directory)
 {
     UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -57,14 +67,6 @@ void syncDirectory(const std::string& directory)
         ::fsync(fd.get());
     }
 }
-
-// link() errors that say the file system has no hard links.
-bool noHardLinks(int err)
-{
-    return err == EPERM || err == EOPNOTSUPP || err == ENOSYS || err == EMLINK;
-}
-
-}  // namespace
 
 AtomicFileWriter::~AtomicFileWriter()
 {
@@ -95,6 +97,9 @@ bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::s
     }
     m_fd.reset(fd);
     m_temporary = pattern;
+    m_written = 0;
+    m_writebackStarted = 0;
+    m_finished = false;
     if (::fchmod(fd, mode) != 0 && !modeIsOptional) {
         error = "cannot set the permissions of " + m_temporary + ": " + errnoText(errno);
         discard();
@@ -103,15 +108,15 @@ bool AtomicFileWriter::begin(const std::string& destination, mode_t mode, std::s
     return true;
 }
 
-bool AtomicFileWriter::write(const ByteBuffer& bytes, std::string& error)
+bool AtomicFileWriter::write(const unsigned char* bytes, std::size_t size, std::string& error)
 {
     if (!m_fd) {
         error = "no temporary file open for " + m_destination;
         return false;
     }
     std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t n = ::write(m_fd.get(), bytes.data() + done, bytes.size() - done);
+    while (done < size) {
+        const ssize_t n = ::write(m_fd.get(), bytes + done, size - done);
         if (n < 0) {
             if (errno == EINTR) {
                 continue;
@@ -122,23 +127,49 @@ bool AtomicFileWriter::write(const ByteBuffer& bytes, std::string& error)
         }
         done += static_cast<std::size_t>(n);
     }
+    m_written += size;
+    if (m_written - m_writebackStarted >= c_writebackStep) {
+        // Only a start: the commit's fsync still decides, so a failure here
+        // changes nothing.
+        ::sync_file_range(m_fd.get(), static_cast<off_t>(m_writebackStarted),
+                          static_cast<off_t>(m_written - m_writebackStarted), SYNC_FILE_RANGE_WRITE);
+        m_writebackStarted = m_written;
+    }
     return true;
 }
 
-bool AtomicFileWriter::commit(bool replace, std::string& error)
+bool AtomicFileWriter::finishWriting(std::string& error)
 {
     if (!m_fd) {
         error = "no temporary file open for " + m_destination;
         return false;
     }
-    if (::fsync(m_fd.get()) != 0) {
-        error = "cannot flush " + m_temporary + ": " + errnoText(errno);
-        discard();
-        return false;
-    }
     if (!m_fd.close()) {
         error = "cannot close " + m_temporary + ": " + errnoText(errno);
         discard();
+        return false;
+    }
+    m_finished = true;
+    return true;
+}
+
+bool AtomicFileWriter::commit(bool replace, bool flush, std::string& error)
+{
+    if (!m_fd && !m_finished) {
+        error = "no temporary file open for " + m_destination;
+        return false;
+    }
+    if (flush) {
+        // A finished file is opened again for its flush.
+        UniqueFd reopened(m_fd ? -1 : ::open(m_temporary.c_str(), O_RDONLY | O_CLOEXEC));
+        const int fd = m_fd ? m_fd.get() : reopened.get();
+        if (fd < 0 || ::fsync(fd) != 0) {
+            error = "cannot flush " + m_temporary + ": " + errnoText(errno);
+            discard();
+            return false;
+        }
+    }
+    if (!m_finished && !finishWriting(error)) {
         return false;
     }
     if (replace) {
@@ -176,7 +207,9 @@ bool AtomicFileWriter::commit(bool replace, std::string& error)
     }
     m_temporary.clear();
     m_committed = true;
-    syncDirectory(directoryOf(m_destination));
+    if (flush) {
+        syncDirectory(directoryOf(m_destination));
+    }
     return true;
 }
 

@@ -9,14 +9,20 @@
 
 #include <CLI/CLI.hpp>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <fstream>
 #include <iostream>
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <system_error>
+#include <thread>
+#include <vector>
 
 #include "atomic_file.h"
 #include "commands.h"
@@ -60,56 +66,202 @@ void say(std::ostream& stream, const std::string& line)
 struct FileOutcome {
     Outcome outcome;
     int status;  // the single-file exit status
+    // A signed file waiting to take its name: commit() gives it.
+    std::unique_ptr<AtomicFileWriter> writer = nullptr;
+    bool replace = false;
+    std::string done;  // the line that says so
 };
 
 FileOutcome failed(const std::string& message)
 {
     say(std::cerr, "kzol: " + message);
-    return {Outcome::Failed, c_exitError};
+    return {Outcome::Failed, c_exitError, nullptr, false, {}};
 }
 
 FileOutcome skipped(const std::string& message)
 {
     say(std::cerr, "kzol: " + message);
-    return {Outcome::Skipped, c_exitNegative};
+    return {Outcome::Skipped, c_exitNegative, nullptr, false, {}};
 }
 
+// Pieces of a large file between the thread that reads and hashes them and
+// the one that writes them: hashing and writing take place at the same time,
+// and the memory a file takes is these pieces, whatever its size.
+constexpr std::size_t c_piecesInFlight = 4;
+
+// Files of at most this many bytes are copied on the calling thread alone:
+// a second thread would cost more than it saves.
+constexpr std::uint64_t c_writeBehindFrom = 4 * c_copyChunk;
+
+// Part of the file on its way from reading to writing. Its storage is not
+// cleared first: read() fills what is used.
+struct Piece {
+    std::unique_ptr<unsigned char[]> bytes;
+    std::size_t capacity = 0;
+    std::size_t size = 0;
+};
+
+// Writes pieces to an AtomicFileWriter in the order given, on a thread of its
+// own when `threaded` (and that thread could be started), else at once.
+class WriteBehind {
+public:
+    WriteBehind(AtomicFileWriter& writer, bool threaded) : m_writer(writer)
+    {
+        if (threaded) {
+            try {
+                m_thread = std::thread([this] { writeAll(); });
+            } catch (const std::system_error&) {
+                // written on the calling thread instead
+            }
+        }
+        m_pieces.resize(m_thread.joinable() ? c_piecesInFlight : 1);
+        for (Piece& piece : m_pieces) {
+            m_free.push_back(&piece);
+        }
+    }
+    ~WriteBehind() { stop(); }
+    WriteBehind(const WriteBehind&) = delete;
+    WriteBehind& operator=(const WriteBehind&) = delete;
+
+    // A piece to fill with up to `capacity` bytes; nullptr once a write has
+    // failed.
+    Piece* take(std::size_t capacity)
+    {
+        Piece* piece = nullptr;
+        {
+            std::unique_lock<std::mutex> lock(m_mutex);
+            m_changed.wait(lock, [this] { return !m_free.empty() || m_failed; });
+            if (m_failed) {
+                return nullptr;
+            }
+            piece = m_free.front();
+            m_free.pop_front();
+        }
+        if (piece->capacity < capacity) {
+            piece->bytes.reset(new unsigned char[capacity]);
+            piece->capacity = capacity;
+        }
+        piece->size = 0;
+        return piece;
+    }
+    // Queues a piece from take() for writing; an empty one goes back unused.
+    void give(Piece* piece)
+    {
+        if (!m_thread.joinable()) {
+            writeOne(piece);
+            return;
+        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        (piece->size == 0 ? m_free : m_full).push_back(piece);
+        m_changed.notify_all();
+    }
+    // Waits until every piece given is written; false with the first error.
+    bool finish(std::string& error)
+    {
+        stop();
+        error = m_error;
+        return !m_failed;
+    }
+
+private:
+    void stop()
+    {
+        if (m_thread.joinable()) {
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_done = true;
+            }
+            m_changed.notify_all();
+            m_thread.join();
+        }
+    }
+
+    void writeAll()
+    {
+        for (;;) {
+            Piece* piece = nullptr;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_changed.wait(lock, [this] { return !m_full.empty() || m_done; });
+                if (m_full.empty()) {
+                    return;
+                }
+                piece = m_full.front();
+                m_full.pop_front();
+            }
+            writeOne(piece);
+        }
+    }
+
+    void writeOne(Piece* piece)
+    {
+        // m_failed is set only here, by the one thread that writes: read unlocked.
+        std::string error;
+        const bool written = m_failed || m_writer.write(piece->bytes.get(), piece->size, error);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!written && !m_failed) {
+            m_failed = true;
+            m_error = error;
+        }
+        m_free.push_back(piece);
+        m_changed.notify_all();
+    }
+
+    AtomicFileWriter& m_writer;
+    std::vector<Piece> m_pieces;
+    std::deque<Piece*> m_free, m_full;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_done = false;
+    bool m_failed = false;
+    std::string m_error;
+    std::thread m_thread;
+};
+
 // Reads up to `length` bytes (all that is left when `toEnd`) from `fd`,
-// hashing them and writing them to `writer`; `copied` counts them.
-bool copyHashing(int fd, std::uint64_t length, bool toEnd, EVP_MD_CTX* digest, AtomicFileWriter& writer,
-                 std::uint64_t& copied, std::string& error)
+// hashing them and writing them to `writer`; `copied` counts them. `expected`
+// is about how many there are.
+bool copyHashing(int fd, std::uint64_t length, bool toEnd, std::uint64_t expected, EVP_MD_CTX* digest,
+                 AtomicFileWriter& writer, std::uint64_t& copied, std::string& error)
 {
-    ByteBuffer chunk(c_copyChunk);
+    WriteBehind behind(writer, expected > c_writeBehindFrom);
+    // A small file is read whole with one call more to see its end.
+    const std::size_t pieceSize = static_cast<std::size_t>(std::min<std::uint64_t>(c_copyChunk, expected + 1));
     copied = 0;
     while (toEnd || copied < length) {
         const std::size_t want =
-            toEnd ? c_copyChunk : static_cast<std::size_t>(std::min<std::uint64_t>(c_copyChunk, length - copied));
-        const ssize_t n = ::read(fd, chunk.data(), want);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            error = "cannot read: " + errnoText(errno);
-            return false;
+            toEnd ? pieceSize : static_cast<std::size_t>(std::min<std::uint64_t>(pieceSize, length - copied));
+        Piece* piece = behind.take(want);
+        if (piece == nullptr) {
+            break;  // a write failed: finish() says why
         }
+        const ssize_t n = ::read(fd, piece->bytes.get(), want);
+        const int err = errno;
+        if (n > 0) {
+            piece->size = static_cast<std::size_t>(n);
+            if (EVP_DigestUpdate(digest, piece->bytes.get(), piece->size) != 1) {
+                piece->size = 0;
+                behind.give(piece);
+                error = withOpensslErrors("SHA-256 failed");
+                return false;
+            }
+            copied += piece->size;
+        }
+        behind.give(piece);
         if (n == 0) {
             break;
         }
-        chunk.resize(static_cast<std::size_t>(n));
-        if (EVP_DigestUpdate(digest, chunk.data(), chunk.size()) != 1) {
-            error = withOpensslErrors("SHA-256 failed");
+        if (n < 0 && err != EINTR) {
+            error = "cannot read: " + errnoText(err);
             return false;
         }
-        if (!writer.write(chunk, error)) {
-            return false;
-        }
-        chunk.resize(c_copyChunk);
-        copied += static_cast<std::uint64_t>(n);
     }
-    return true;
+    return behind.finish(error);
 }
 
-FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string& file)
+// Signs `file` into a temporary file beside its destination; the outcome
+// carries the writer that commit() finishes with.
+FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string& file)
 {
     const char type = options.type[0];
     const char keyId = options.keyId[0];
@@ -173,7 +325,8 @@ FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string
         return failed("cannot open " + file + ": " + errnoText(errno));
     }
     std::string error;
-    AtomicFileWriter writer;
+    auto writerOwner = std::make_unique<AtomicFileWriter>();
+    AtomicFileWriter& writer = *writerOwner;
     if (!writer.begin(destination, input.st_mode & 07777, error)) {
         return failed(error);
     }
@@ -182,7 +335,8 @@ FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string
         return failed(withOpensslErrors("cannot start SHA-256"));
     }
     std::uint64_t copied = 0;
-    if (!copyHashing(fd.get(), contentLength, !replacing, digest.get(), writer, copied, error)) {
+    if (!copyHashing(fd.get(), contentLength, !replacing, static_cast<std::uint64_t>(input.st_size), digest.get(), writer,
+                     copied, error)) {
         return failed(file + ": " + error);
     }
     if (replacing && copied != contentLength) {
@@ -209,14 +363,165 @@ FileOutcome signOne(const SignOptions& options, EVP_PKEY* key, const std::string
     if (!blockReadsBack(writer.temporaryPath(), static_cast<std::size_t>(copied), type, keyId)) {
         return failed("the library does not read the new block back; " + destination + " left as it was");
     }
-    if (!writer.commit(destinationExists, error)) {
+    if (!writer.finishWriting(error)) {
         return failed(error);
     }
-    say(std::cout, std::string(replacing ? "re-signed " : "signed ") + file +
-                       (options.output.empty() ? "" : " into " + options.output) + ": type " + type + ", key " + keyId +
-                       ", signed region " + std::to_string(signedRegion) + " bytes");
-    return {Outcome::Signed, c_exitSuccess};
+    return {Outcome::Signed, c_exitSuccess, std::move(writerOwner), destinationExists,
+            std::string(replacing ? "re-signed " : "signed ") + file +
+                (options.output.empty() ? "" : " into " + options.output) + ": type " + type + ", key " + keyId +
+                ", signed region " + std::to_string(signedRegion) + " bytes"};
 }
+
+// Gives a prepared file its name; `flushed`: its file system is flushed
+// already, and the caller flushes the directory.
+FileOutcome commit(FileOutcome prepared, bool flushed)
+{
+    if (!prepared.writer) {
+        return prepared;
+    }
+    std::string error;
+    if (!(flushed ? prepared.writer->commitFlushed(prepared.replace, error)
+                  : prepared.writer->commit(prepared.replace, error))) {
+        return failed(error);
+    }
+    say(std::cout, prepared.done);
+    return {prepared.outcome, prepared.status, nullptr, false, {}};
+}
+
+// Makes the prepared files durable with one flush of each file system they
+// are on, then gives them their names and flushes each directory once.
+// Whatever fails stays as it was.
+void commitTogether(std::vector<FileOutcome>& prepared)
+{
+    std::vector<dev_t> flushedDevices;
+    std::string flushError;
+    for (const FileOutcome& file : prepared) {
+        if (!file.writer || !flushError.empty()) {
+            continue;
+        }
+        const std::string directory = directoryOf(file.writer->temporaryPath());
+        const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        struct stat status {};
+        if (!fd || ::fstat(fd.get(), &status) != 0) {
+            flushError = "cannot open " + directory + ": " + errnoText(errno);
+        } else if (std::find(flushedDevices.begin(), flushedDevices.end(), status.st_dev) == flushedDevices.end()) {
+            if (::syncfs(fd.get()) != 0) {
+                flushError = "cannot flush the file system of " + directory + ": " + errnoText(errno);
+            }
+            flushedDevices.push_back(status.st_dev);
+        }
+    }
+    std::vector<std::string> directories;
+    for (FileOutcome& file : prepared) {
+        if (file.writer && !flushError.empty()) {
+            file = failed(flushError + "; " + file.writer->destination() + " left as it was");
+            continue;
+        }
+        const std::string directory = file.writer ? directoryOf(file.writer->destination()) : std::string();
+        file = commit(std::move(file), true);
+        if (file.outcome == Outcome::Signed &&
+            std::find(directories.begin(), directories.end(), directory) == directories.end()) {
+            directories.push_back(directory);
+        }
+    }
+    for (const std::string& directory : directories) {
+        syncDirectory(directory);
+    }
+}
+
+// Group commit for a batch: the workers hand in prepared files, and one
+// thread gives names to all that have come in since its last round, after
+// one flush for all of them, while the workers go on. A disk's flush latency
+// is then paid once a round instead of twice a file, and the renames (one at
+// a time within a directory) run beside the signing.
+class Committer {
+public:
+    Committer()
+    {
+        try {
+            m_thread = std::thread([this] { commitAll(); });
+        } catch (const std::system_error&) {
+            // each file is committed as it comes in
+        }
+    }
+    ~Committer() { finish(); }
+    Committer(const Committer&) = delete;
+    Committer& operator=(const Committer&) = delete;
+
+    void add(FileOutcome prepared)
+    {
+        if (!m_thread.joinable()) {
+            std::vector<FileOutcome> one;
+            one.push_back(std::move(prepared));
+            commitTogether(one);
+            const std::lock_guard<std::mutex> lock(m_mutex);  // workers add at once
+            count(one);
+            return;
+        }
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_changed.wait(lock, [this] { return m_waiting.size() < c_mostWaiting; });
+        m_waiting.push_back(std::move(prepared));
+        // The committing thread waits for a first file, or for a round's worth.
+        if (m_waiting.size() == 1 || m_waiting.size() >= c_mostWaiting / 2) {
+            m_changed.notify_all();
+        }
+    }
+    // Commits what is left; then count() tells every file's outcome.
+    void finish()
+    {
+        if (m_thread.joinable()) {
+            {
+                const std::lock_guard<std::mutex> lock(m_mutex);
+                m_done = true;
+            }
+            m_changed.notify_all();
+            m_thread.join();
+        }
+    }
+    std::size_t count(Outcome outcome) const { return m_counts[static_cast<int>(outcome)]; }
+
+private:
+    void commitAll()
+    {
+        for (;;) {
+            std::vector<FileOutcome> round;
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_changed.wait(lock, [this] { return !m_waiting.empty() || m_done; });
+                if (m_waiting.empty()) {
+                    return;
+                }
+                // A round gathers files for a moment, so that one flush
+                // serves many: flushing is quick when little is waiting, and
+                // a round a file would make this thread the slowest part.
+                m_changed.wait_for(lock, c_gathering,
+                                   [this] { return m_waiting.size() >= c_mostWaiting / 2 || m_done; });
+                round.swap(m_waiting);
+            }
+            m_changed.notify_all();
+            commitTogether(round);
+            count(round);
+        }
+    }
+
+    void count(const std::vector<FileOutcome>& files)
+    {
+        for (const FileOutcome& file : files) {
+            ++m_counts[static_cast<int>(file.outcome)];
+        }
+    }
+
+    static constexpr std::chrono::milliseconds c_gathering{5};
+    // Files waiting at most: the workers wait beyond it. Each has a temporary
+    // file on disk (closed) until its round.
+    static constexpr std::size_t c_mostWaiting = 256;
+    std::vector<FileOutcome> m_waiting;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_done = false;
+    std::size_t m_counts[3] = {0, 0, 0};  // by the committing thread, or by add() (locked) when there is none
+    std::thread m_thread;
+};
 
 // Checks the key against the known public keys before any file is touched:
 // the other selector's key is refused, an unknown one warned about.
@@ -312,18 +617,17 @@ int runSign(const SignOptions& options)
         return status;
     }
     if (!batch) {
-        return signOne(options, key.get(), files.front()).status;
+        return commit(prepare(options, key.get(), files.front()), false).status;
     }
 
     const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
-    std::atomic<std::size_t> counts[3] = {{0}, {0}, {0}};
-    forEachInParallel(files.size(), jobs, [&](std::size_t i) {
-        const FileOutcome result = signOne(options, key.get(), files[i]);
-        ++counts[static_cast<int>(result.outcome)];
-    });
-    const std::size_t failures = counts[static_cast<int>(Outcome::Failed)];
-    std::cout << counts[static_cast<int>(Outcome::Signed)] << " signed, " << counts[static_cast<int>(Outcome::Skipped)]
-              << " skipped, " << failures << " failed" << std::endl;
+    Committer committer;
+    forEachInParallel(files.size(), jobs,
+                      [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i])); });
+    committer.finish();
+    const std::size_t failures = committer.count(Outcome::Failed);
+    std::cout << committer.count(Outcome::Signed) << " signed, " << committer.count(Outcome::Skipped) << " skipped, "
+              << failures << " failed" << std::endl;
     return failures == 0 ? c_exitSuccess : c_exitNegative;
 }
 
