@@ -297,7 +297,7 @@ TEST_F(KzolRelease, LargeFilesSignedPieceByPiece)
     const TempDir work;
     const std::size_t mib = 1 << 20;
     // From 4 MiB on, one thread reads and hashes while another writes.
-    for (const std::size_t size : {mib - 1, mib, mib + 1, 2 * mib + 4097, 4 * mib + 1, 9 * mib + 3}) {
+    for (const std::size_t size : {mib - 1, mib, mib + 1, 2 * mib + 4097, 4 * mib + 1}) {
         SCOPED_TRACE(size);
         std::string content(size, '\0');
         for (std::size_t i = 0; i < size; ++i) {

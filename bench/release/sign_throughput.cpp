@@ -85,7 +85,6 @@ void row(const char* what, double value, const char* against, double reference, 
     failedRun = failedRun || !ok;
 }
 
-
 void removeTree(const std::string& dir)
 {
     const std::string cleanup = "rm -rf '" + dir + "'";

@@ -335,8 +335,8 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
         return failed(withOpensslErrors("cannot start SHA-256"));
     }
     std::uint64_t copied = 0;
-    if (!copyHashing(fd.get(), contentLength, !replacing, static_cast<std::uint64_t>(input.st_size), digest.get(), writer,
-                     copied, error)) {
+    if (!copyHashing(fd.get(), contentLength, !replacing, static_cast<std::uint64_t>(input.st_size), digest.get(),
+                     writer, copied, error)) {
         return failed(file + ": " + error);
     }
     if (replacing && copied != contentLength) {
@@ -622,8 +622,7 @@ int runSign(const SignOptions& options)
 
     const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
     Committer committer;
-    forEachInParallel(files.size(), jobs,
-                      [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i])); });
+    forEachInParallel(files.size(), jobs, [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i])); });
     committer.finish();
     const std::size_t failures = committer.count(Outcome::Failed);
     std::cout << committer.count(Outcome::Signed) << " signed, " << committer.count(Outcome::Skipped) << " skipped, "
