@@ -93,6 +93,19 @@ constexpr std::size_t c_piecesInFlight = 4;
 // a second thread would cost more than it saves.
 constexpr std::uint64_t c_writeBehindFrom = 4 * c_copyChunk;
 
+// Ends a thread that waits on `changed` until `done`, if it runs.
+void endThread(std::thread& thread, std::mutex& mutex, std::condition_variable& changed, bool& done)
+{
+    if (thread.joinable()) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            done = true;
+        }
+        changed.notify_all();
+        thread.join();
+    }
+}
+
 // Part of the file on its way from reading to writing. Its storage is not
 // cleared first: read() fills what is used.
 struct Piece {
@@ -166,14 +179,7 @@ public:
 private:
     void stop()
     {
-        if (m_thread.joinable()) {
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_done = true;
-            }
-            m_changed.notify_all();
-            m_thread.join();
-        }
+        endThread(m_thread, m_mutex, m_changed, m_done);
     }
 
     void writeAll()
@@ -469,14 +475,7 @@ public:
     // Commits what is left; then count() tells every file's outcome.
     void finish()
     {
-        if (m_thread.joinable()) {
-            {
-                const std::lock_guard<std::mutex> lock(m_mutex);
-                m_done = true;
-            }
-            m_changed.notify_all();
-            m_thread.join();
-        }
+        endThread(m_thread, m_mutex, m_changed, m_done);
     }
     std::size_t count(Outcome outcome) const { return m_counts[static_cast<int>(outcome)]; }
 
@@ -663,7 +662,9 @@ void addSignCommand(CLI::App& app, int& status)
         "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
         "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
         "exists (nothing written); 2 usage or I/O error (nothing written).\n"
-        "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n");
+        "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n"
+        "Every signed file is on disk before it takes its name: one FILE is flushed on its own; several\n"
+        "take their names in rounds, after one flush of their file system (syncfs) for each round.\n");
     cmd->callback([options, &status]() { status = runSign(*options); });
 }
 
