@@ -177,10 +177,7 @@ public:
     }
 
 private:
-    void stop()
-    {
-        endThread(m_thread, m_mutex, m_changed, m_done);
-    }
+    void stop() { endThread(m_thread, m_mutex, m_changed, m_done); }
 
     void writeAll()
     {
@@ -473,10 +470,7 @@ public:
         }
     }
     // Commits what is left; then count() tells every file's outcome.
-    void finish()
-    {
-        endThread(m_thread, m_mutex, m_changed, m_done);
-    }
+    void finish() { endThread(m_thread, m_mutex, m_changed, m_done); }
     std::size_t count(Outcome outcome) const { return m_counts[static_cast<int>(outcome)]; }
 
 private:
@@ -656,15 +650,14 @@ void addSignCommand(CLI::App& app, int& status)
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
     cmd->add_option("--pin-file", options->token.pinFile,
                     "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
-    cmd->footer(
-        "The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
-        "over SHA-256. The result keeps FILE's permission bits. The key is checked first: the private\n"
-        "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
-        "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
-        "exists (nothing written); 2 usage or I/O error (nothing written).\n"
-        "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n"
-        "Every signed file is on disk before it takes its name: one FILE is flushed on its own; several\n"
-        "take their names in rounds, after one flush of their file system (syncfs) for each round.\n");
+    cmd->footer("The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
+                "over SHA-256. The result keeps FILE's permission bits. The key is checked first: the private\n"
+                "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
+                "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
+                "exists (nothing written); 2 usage or I/O error (nothing written).\n"
+                "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n"
+                "Every signed file is on disk before it takes its name: one FILE is flushed on its own; several\n"
+                "take their names in rounds, after one flush of their file system (syncfs) for each round.\n");
     cmd->callback([options, &status]() { status = runSign(*options); });
 }
 
