@@ -246,7 +246,7 @@ TEST_F(KzolRelease, BatchCommitsEveryGoodFileInRounds)
     };
     const std::vector<Case> cases = {
         {"descriptors as usual", "true"},
-        {"few descriptors", "ulimit -n 20"},
+        {"few descriptors", "ulimit -Sn 20"},
     };
     const std::size_t bigSize = (5 << 20) + 7;  // written while the next piece is read
     for (const auto& c : cases) {
