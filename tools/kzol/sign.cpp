@@ -20,6 +20,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -392,9 +393,10 @@ FileOutcome commit(FileOutcome prepared, bool flushed)
 }
 
 // Makes the prepared files durable with one flush of each file system they
-// are on, then gives them their names and flushes each directory once.
-// Whatever fails stays as it was.
-void commitTogether(std::vector<FileOutcome>& prepared)
+// are on, then gives them their names; the directories where names changed
+// are added to `directories`, for the caller to flush. Whatever fails stays
+// as it was.
+void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& directories)
 {
     std::vector<dev_t> flushedDevices;
     std::string flushError;
@@ -414,7 +416,6 @@ void commitTogether(std::vector<FileOutcome>& prepared)
             flushedDevices.push_back(status.st_dev);
         }
     }
-    std::vector<std::string> directories;
     for (FileOutcome& file : prepared) {
         if (file.writer && !flushError.empty()) {
             file = failed(flushError + "; " + file.writer->destination() + " left as it was");
@@ -422,13 +423,9 @@ void commitTogether(std::vector<FileOutcome>& prepared)
         }
         const std::string directory = file.writer ? directoryOf(file.writer->destination()) : std::string();
         file = commit(std::move(file), true);
-        if (file.outcome == Outcome::Signed &&
-            std::find(directories.begin(), directories.end(), directory) == directories.end()) {
-            directories.push_back(directory);
+        if (file.outcome == Outcome::Signed) {
+            directories.insert(directory);
         }
-    }
-    for (const std::string& directory : directories) {
-        syncDirectory(directory);
     }
 }
 
@@ -436,7 +433,8 @@ void commitTogether(std::vector<FileOutcome>& prepared)
 // thread gives names to all that have come in since its last round, after
 // one flush for all of them, while the workers go on. A disk's flush latency
 // is then paid once a round instead of twice a file, and the renames (one at
-// a time within a directory) run beside the signing.
+// a time within a directory) run beside the signing. The directories are
+// flushed once, at the end: by the time the batch ends, every name is on disk.
 class Committer {
 public:
     Committer()
@@ -456,9 +454,10 @@ public:
         if (!m_thread.joinable()) {
             std::vector<FileOutcome> one;
             one.push_back(std::move(prepared));
-            commitTogether(one);
+            std::set<std::string> directories;
+            commitTogether(one, directories);
             const std::lock_guard<std::mutex> lock(m_mutex);  // workers add at once
-            count(one);
+            record(one, directories);
             return;
         }
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -470,7 +469,14 @@ public:
         }
     }
     // Commits what is left; then count() tells every file's outcome.
-    void finish() { endThread(m_thread, m_mutex, m_changed, m_done); }
+    void finish()
+    {
+        endThread(m_thread, m_mutex, m_changed, m_done);
+        for (const std::string& directory : m_directories) {
+            syncDirectory(directory);
+        }
+        m_directories.clear();
+    }
     std::size_t count(Outcome outcome) const { return m_counts[static_cast<int>(outcome)]; }
 
 private:
@@ -492,16 +498,18 @@ private:
                 round.swap(m_waiting);
             }
             m_changed.notify_all();
-            commitTogether(round);
-            count(round);
+            std::set<std::string> directories;
+            commitTogether(round, directories);
+            record(round, directories);
         }
     }
 
-    void count(const std::vector<FileOutcome>& files)
+    void record(const std::vector<FileOutcome>& files, const std::set<std::string>& directories)
     {
         for (const FileOutcome& file : files) {
             ++m_counts[static_cast<int>(file.outcome)];
         }
+        m_directories.insert(directories.begin(), directories.end());
     }
 
     static constexpr std::chrono::milliseconds c_gathering{5};
@@ -512,7 +520,9 @@ private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_done = false;
-    std::size_t m_counts[3] = {0, 0, 0};  // by the committing thread, or by add() (locked) when there is none
+    // By the committing thread, or by add() (locked) when there is none.
+    std::size_t m_counts[3] = {0, 0, 0};
+    std::set<std::string> m_directories;  // names changed here: flushed once, at the end
     std::thread m_thread;
 };
 
