@@ -279,10 +279,17 @@ std::string drain(const UniqueFd& daemon)
     return bytes;
 }
 
+// The file opened by the caller, for the descriptor entry point: opened
+// before the faults are armed, as a caller holds it before the call.
+int g_descriptor = -1;
+
 int callOnce(const std::string& mode, const std::string& path)
 {
     if (mode == "check") {
         return verifyFileWihtoutKey(path.c_str(), "inject");
+    }
+    if (mode == "descriptor") {
+        return verifyFileDescriptor(g_descriptor, path.c_str(), "inject");
     }
     if (mode == "report") {
         return SendSecurityReport("inject", "SCRIPT", path.c_str(), "injected", 3);
@@ -362,6 +369,8 @@ RunResult runChild(const std::string& mode, const std::string& path, long failAt
             _exit(4);
         }
         const UniqueFd daemon = daemonSocket();
+        const UniqueFd file(mode == "descriptor" ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+        g_descriptor = file.get();
         const int before = openDescriptors();
         g_arm(failAt, shortSend ? 1 : 0);
         const int answer = callOnce(mode, path);
@@ -445,7 +454,7 @@ extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt
 int main(int argc, char** argv)
 {
     if (argc != 5) {
-        std::fprintf(stderr, "usage: inject_driver NAME check|report|verify PATH REFUSE\n");
+        std::fprintf(stderr, "usage: inject_driver NAME check|descriptor|report|verify PATH REFUSE\n");
         return 2;
     }
     const std::string name = argv[1], mode = argv[2], path = argv[3];
