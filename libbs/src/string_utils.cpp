@@ -26,21 +26,6 @@ constexpr std::array<unsigned char, 256> b64 = makeB64();
 
 constexpr char c_hexDigits[] = "0123456789abcdef";
 
-// Value of a hexadecimal digit of either case, or -1.
-inline int hexValue(unsigned char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
 }  // namespace
 
 bool isbase64(char c)

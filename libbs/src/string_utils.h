@@ -11,6 +11,21 @@
 // to digest and device identifiers.
 using ByteBuffer = std::vector<unsigned char>;
 
+// Value of a hexadecimal digit of either case, or -1.
+inline int hexValue(unsigned char c)
+{
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
 // The 64 characters of the base64 alphabet; a character's value is its
 // position. Built by the library's static initialisation.
 extern const std::string base64_chars;

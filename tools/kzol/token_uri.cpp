@@ -1,24 +1,12 @@
 #include "token_uri.h"
 
+#include "string_utils.h"
+
 namespace kzol {
 
 namespace {
 
 constexpr char c_scheme[] = "pkcs11:";
-
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
 
 bool percentDecode(const std::string& text, std::string& out, std::string& error)
 {
@@ -28,8 +16,8 @@ bool percentDecode(const std::string& text, std::string& out, std::string& error
             out += text[i];
             continue;
         }
-        const int high = i + 2 < text.size() ? hexValue(text[i + 1]) : -1;
-        const int low = high >= 0 ? hexValue(text[i + 2]) : -1;
+        const int high = i + 2 < text.size() ? hexValue(static_cast<unsigned char>(text[i + 1])) : -1;
+        const int low = high >= 0 ? hexValue(static_cast<unsigned char>(text[i + 2])) : -1;
         if (low < 0) {
             error = "bad percent-escape in \"" + text + "\"";
             return false;
