@@ -64,32 +64,32 @@ bool loadLongText(FILE* pFile, unsigned int position, unsigned int length, ByteB
     unsigned char first[2] = {};
     unsigned int index = 0;
     int high = -1;  // the pending high digit of a pair
-    while (index < length) {
+    bool invalid = false;
+    while (index < length && !invalid) {
         const unsigned int want = std::min(length - index, static_cast<unsigned int>(sizeof(piece)));
         if (std::fread(piece, 1, want, pFile) != want) {
             return false;
         }
-        for (unsigned int i = 0; i < want; ++i, ++index) {
+        for (unsigned int i = 0; i < want && !invalid; ++i, ++index) {
             if (index < 2) {
                 first[index] = piece[i];
-                if (index == 1 && (first[0] != '0' || first[1] != 'x')) {
-                    text.assign(first, first + 2);
-                    text.push_back('\0');
-                    return true;
-                }
                 continue;
             }
             const int value = hexValue(piece[i]);
-            if (value < 0 || (high < 0 && index + 1 == length)) {
-                break;  // an invalid digit, or a high digit whose pair ends in the NUL
-            }
+            // An invalid digit, or a high digit whose pair ends in the NUL.
+            invalid = value < 0 || (high < 0 && index + 1 == length);
             high = high < 0 ? value : -1;
         }
-        if (index < length) {
-            const unsigned char invalid[] = {'0', 'x', 'z', 'z', '\0'};
-            text.assign(invalid, invalid + sizeof(invalid));
+        if (first[0] != '0' || first[1] != 'x') {
+            text.assign(first, first + 2);
+            text.push_back('\0');
             return true;
         }
+    }
+    if (invalid) {
+        const unsigned char stand[] = {'0', 'x', 'z', 'z', '\0'};
+        text.assign(stand, stand + sizeof(stand));
+        return true;
     }
     text.assign(2 + c_standInDigits + 1, '0');
     text[1] = 'x';
