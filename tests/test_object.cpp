@@ -275,7 +275,7 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
         const Lines lines = loggedLines();
         const bool refusedListener =
             std::find(lines.begin(), lines.end(),
-                      errorLine("bs_context_report.cpp", "SendRequestNotification",
+                      errorLine("bs_context.cpp", "SendRequestNotification",
                                 "Report not delivered: the listener is not the daemon's user 0;")) != lines.end();
         EXPECT_EQ(refusedListener, c_failClosed && !row.queueFull);
     }
