@@ -14,6 +14,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -368,5 +369,39 @@ TEST(ObjectBound, PathRace)
         } else {
             EXPECT_EQ(guided + periodic, 0);
         }
+    }
+}
+
+// An interpreter's question about a script it opened: the kernel's answer
+// (where it gives one) and the library's decision, both needed.
+TEST(ObjectBound, ScriptDescriptor)
+{
+    const TempDir dir("/tmp");
+    const DeviceProfile device;
+    const std::string area = canonical(dir.path());
+    const UniqueFd shell(open("/bin/sh", O_RDONLY | O_CLOEXEC));
+    char* const none[] = {nullptr};
+    const bool kernelAnswers = syscall(SYS_execveat, shell.get(), "", none, none, AT_EMPTY_PATH | 0x10000) == 0;
+    const std::string signedScript = signedFile(c_inside, "P50", devPrivateKey('5'));
+    struct Row {
+        const char* name;
+        std::string content;
+        mode_t mode;
+        int answer;
+    };
+    const Row rows[] = {
+        {"signed, executable", signedScript, 0755, 1},
+        {"unsigned, executable", c_inside, 0755, 0},
+        {"signed, not executable: the kernel refuses", signedScript, 0644, kernelAnswers ? 0 : 1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        const std::string script = area + "/script.sh";
+        writeFile(script, row.content);
+        ASSERT_EQ(chmod(script.c_str(), row.mode), 0);
+        const UniqueFd fd(open(script.c_str(), O_RDONLY | O_CLOEXEC));
+        DaemonListener daemon;
+        EXPECT_EQ(verifyScriptDescriptor(fd.get(), "loader"), row.answer);
+        EXPECT_EQ(daemon.drain(), row.content == c_inside ? Lines{refusal(script)} : Lines{});
     }
 }
