@@ -215,7 +215,9 @@ TEST(ObjectBound, AbsurdSignatureTexts)
         EXPECT_EQ(capture.finish(), std::string(row.result) == "BS_ERROR"
                                         ? "[zol][loader] : error during signature check [ file_path : " + file + " ]\n"
                                         : "");
-        EXPECT_LT(peakKiB() - before, 8192) << "the text was read into memory";
+        // The library itself takes some 40 KiB; the rest of the bound leaves room for
+        // what an emulator of another processor translates on the way.
+        EXPECT_LT(peakKiB() - before, 32768) << "the text was read into memory";
         std::filesystem::remove(file);
     }
 }
