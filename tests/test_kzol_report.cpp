@@ -18,7 +18,7 @@ using namespace kzol_test;
 // seconds later) and answers its own status. (Without --foreground, timeout
 // would signal its whole process group again, and SIGCONT after it: signals
 // that can reach the listener while it exits, and the ASan build's leak check
-// that runs then.) `listening` tells whether it held the name within 10
+// that runs then.) `listening` tells whether it held the name within 30
 // seconds of the start.
 struct Listener {
     explicit Listener(const std::string& args, int seconds = 60)
@@ -27,7 +27,7 @@ struct Listener {
             return run("timeout --foreground --preserve-status -k 10 " + std::to_string(seconds) + " " +
                        shq(KZOL_TOOL) + " listen " + args + " </dev/null >" + shq(output) + " 2>" + shq(errors));
         });
-        listening = shows(errors, "listening on SfDaemon/UserMsg", 1, 10.0);
+        listening = shows(errors, "listening on SfDaemon/UserMsg", 1, 30.0);
     }
     int finish() { return status.valid() ? status.get() : -1; }
     std::string err() const { return readFile(errors); }
@@ -144,7 +144,7 @@ TEST(KzolListen, HostilePeersAreDroppedAndHoldUpNoReport)
         EXPECT_TRUE(Listener::shows(listener.errors, says, 1, 20.0)) << says << "\n" << listener.err();
     }
     // Nearly 2 GiB declared, then up to 64 MiB sent, as far as the listener takes them.
-    peers.push_back(peer(prefix(0x7FFFFFFEu)));
+    peers.push_back(peer(prefix(0x7FFFFFFEU)));
     const timeval sendLimit{5, 0};
     ASSERT_EQ(setsockopt(peers.back().get(), SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof(sendLimit)), 0);
     auto flood = std::async(std::launch::async, [fd = peers.back().get()] {
