@@ -22,7 +22,6 @@
 // unblocks them, so a signal cannot slip in between the look at the flag
 // and the wait.
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -72,8 +71,9 @@ constexpr std::size_t c_readPiece = std::size_t{64} * 1024;
 // Bytes of a refused frame shown in its diagnostic line.
 constexpr std::size_t c_shownBytes = 200;
 
-volatile std::sig_atomic_t g_stopRequested =
-    0;  // NOLINT(cppcoreguidelines-avoid-non-const-global-variables): set by the handler
+// Set by the stop handler, looked at by the loop.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
+volatile std::sig_atomic_t g_stopRequested = 0;
 
 extern "C" void onStopSignal(int /*signal*/)
 {
