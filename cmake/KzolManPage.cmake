@@ -13,6 +13,16 @@ endfunction()
 # Help text with every line longer than `width` broken at blanks: an option's
 # description goes on under itself, other text under its own indentation.
 function(kzol_wrap out_var text width)
+  # The footer (after the last blank line) is running text: a line that ends
+  # within a sentence goes on on the next.
+  string(REGEX REPLACE "\n+$" "\n" text "${text}")
+  string(FIND "${text}" "\n\n" footer_at REVERSE)
+  if(footer_at GREATER -1)
+    string(SUBSTRING "${text}" 0 ${footer_at} head)
+    string(SUBSTRING "${text}" ${footer_at} -1 footer)
+    string(REGEX REPLACE "([^.:\n])\n([^ \n])" "\\1 \\2" footer "${footer}")
+    set(text "${head}${footer}")
+  endif()
   # Characters that CMake's lists would read: kept out of the way meanwhile.
   string(REPLACE ";" "@KZOLSEMI@" text "${text}")
   string(REPLACE "[" "@KZOLOPEN@" text "${text}")
@@ -62,10 +72,10 @@ function(kzol_wrap out_var text width)
   set(${out_var} "${wrapped}" PARENT_SCOPE)
 endfunction()
 
-# Help text as literal roff lines, wrapped to 78 columns: backslashes
+# Help text as literal roff lines, wrapped to 72 columns (the page indents them): backslashes
 # escaped, no line read as a request.
 function(kzol_roff out_var text)
-  kzol_wrap(text "${text}" 78)
+  kzol_wrap(text "${text}" 72)
   string(REPLACE "\\" "\\e" text "${text}")
   string(REGEX REPLACE "(^|\n)([.'])" "\\1\\\\&\\2" text "${text}")
   set(${out_var} "${text}" PARENT_SCOPE)
@@ -110,8 +120,9 @@ endforeach()
 string(APPEND page ".SH ENVIRONMENT
 .TP
 .B NO_COLOR
-When set and not empty, no colour codes in the library's log lines (\\fB\\-v\\fR) or in
-the host log stand-in's lines; without it, colour only on a terminal.
+When set and not empty, no colour codes in the library's log lines
+(\\fB\\-v\\fR) or in the host log stand-in's lines; without it, colour only
+on a terminal.
 .TP
 .B KZOL_PKCS11_PIN
 The token's PIN for \\fBsign\\fR and \\fBcert\\fR with a pkcs11: key that names none
@@ -130,9 +141,12 @@ A file to which the emulation appends one line for every access it answers.
 .B KZOL_VCONF_STORE
 The directory of the host configuration store's values, for the host stand-in.
 .TP
-.BR KZOL_USB_MOUNTINFO ", " KZOL_USB_SYSFS
-A mountinfo file and a /sys tree that the host USB stand-in reads instead of
-the system's.
+.B KZOL_USB_MOUNTINFO
+A file in the format of /proc/self/mountinfo that the host USB stand-in reads
+instead of the system's.
+.TP
+.B KZOL_USB_SYSFS
+A directory that the host USB stand-in reads in place of /sys.
 .SH EXAMPLES
 Sign a release tree's scripts, listed one a line, with key 5:
 .PP
@@ -143,12 +157,13 @@ kzol sign \\-\\-key private_key_5.pem \\-\\-key\\-id 5 \\-\\-from list.txt
 .fi
 .RE
 .PP
-Verify them with the deployment's public keys, any number of files, NUL-separated,
-as JSON lines:
+Verify them with the deployment's public keys, any number of files,
+NUL-separated, as JSON lines:
 .PP
 .RS
 .nf
-find stage/opt \\-type f \\-print0 | kzol verify \\-\\-keys keys/ \\-\\-from \\- \\-0 \\-\\-json
+find stage/opt \\-type f \\-print0 |
+    kzol verify \\-\\-keys keys/ \\-\\-from \\- \\-0 \\-\\-json > verdicts.jsonl
 .fi
 .RE
 .PP
@@ -164,7 +179,8 @@ Run a check on an emulated television:
 .PP
 .RS
 .nf
-kzol profile init tv && kzol emulate tv \\-\\- kzol check /opt/app/run.sh
+kzol profile init \\-\\-tv tv
+kzol emulate tv \\-\\- kzol check /opt/app/run.sh
 .fi
 .RE
 .SH EXIT STATUS
