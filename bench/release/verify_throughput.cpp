@@ -20,6 +20,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,9 +43,17 @@ using Clock = std::chrono::steady_clock;
 
 struct Measure {
     double seconds = 0;
+    double cpuSeconds = 0;  // user and system time of the process
     long peakKiB = 0;
     int status = -1;
 };
+
+double threadCpuSeconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
 
 // Runs `args` with standard output and error discarded: elapsed time, peak
 // resident memory and status.
@@ -69,6 +78,8 @@ Measure runProcess(const std::vector<std::string>& args)
         wait4(pid, &status, 0, &usage);
         m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
         m.peakKiB = usage.ru_maxrss;
+        m.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
         m.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -83,6 +94,9 @@ Measure best(const std::vector<std::string>& args, int runs)
     b.seconds = 1e30;
     for (int r = 0; r < runs; ++r) {
         const Measure m = runProcess(args);
+        if (m.seconds < b.seconds) {
+            b.cpuSeconds = m.cpuSeconds;
+        }
         b.seconds = std::min(b.seconds, m.seconds);
         b.peakKiB = std::max(b.peakKiB, m.peakKiB);
         b.status = m.status;
@@ -154,13 +168,16 @@ Signed sign(const std::string& content, EVP_PKEY* key)
 
 // Seconds per file of the floor (SHA-256 of the region in memory, one
 // verify with the parsed key) on each of `threads` threads at once, over
-// about `budget` seconds.
-double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned threads, double budget)
+// about `budget` seconds; the CPU seconds per file in `cpuPerFile`.
+double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned threads, double budget,
+                    double& cpuPerFile)
 {
     std::atomic<long> done{0};
+    std::atomic<long> cpuNanoseconds{0};
     std::atomic<bool> stop{false};
     std::atomic<bool> wrong{false};
     const auto work = [&]() {
+        const double cpuStart = threadCpuSeconds();
         MdCtxPtr ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
         for (std::size_t i = 0; !stop; i = (i + 1) % files.size()) {
             const Signed& f = files[i];
@@ -171,6 +188,7 @@ double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned th
             }
             ++done;
         }
+        cpuNanoseconds += static_cast<long>((threadCpuSeconds() - cpuStart) * 1e9);
     };
     const auto start = Clock::now();
     std::vector<std::thread> workers;
@@ -186,23 +204,36 @@ double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned th
     if (wrong) {
         std::fprintf(stderr, "the floor's own verify failed\n");
     }
+    cpuPerFile = static_cast<double>(cpuNanoseconds) * 1e-9 / static_cast<double>(done);
     return seconds * threads / static_cast<double>(done);
 }
 
-// Seconds per byte of SHA-256 in memory on one thread.
-double sha256PerByte(double budget)
+// Bytes per second of SHA-256 in memory on `threads` threads at once, all
+// of them together.
+double sha256Rate(unsigned threads, double budget)
 {
-    std::vector<unsigned char> block(1 << 20, 0x5a);
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    long rounds = 0;
+    std::atomic<long> rounds{0};
+    std::atomic<bool> stop{false};
+    const auto work = [&]() {
+        std::vector<unsigned char> block(1 << 20, 0x5a);
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        while (!stop) {
+            EVP_Digest(block.data(), block.size(), digest, nullptr, EVP_sha256(), nullptr);
+            ++rounds;
+        }
+    };
     const auto start = Clock::now();
-    double seconds = 0;
-    do {
-        EVP_Digest(block.data(), block.size(), digest, nullptr, EVP_sha256(), nullptr);
-        ++rounds;
-        seconds = std::chrono::duration<double>(Clock::now() - start).count();
-    } while (seconds < budget);
-    return seconds / (static_cast<double>(rounds) * static_cast<double>(block.size()));
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < threads; ++t) {
+        workers.emplace_back(work);
+    }
+    std::this_thread::sleep_for(std::chrono::duration<double>(budget));
+    stop = true;
+    for (std::thread& t : workers) {
+        t.join();
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return static_cast<double>(rounds) * (1 << 20) / seconds;
 }
 
 bool missed = false;
@@ -308,12 +339,13 @@ int main(int argc, char** argv)
 
     std::printf("kzol verify / audit throughput: %d scripts of %zu bytes, %d files of 1 MiB, in %s; load %s\n", files,
                 small[0].bytes.size(), large, base.c_str(), loadAverage().c_str());
-    const double floor1 = floorPerFile(small, publicKey.get(), 1, 1.0);
-    const double floor2 = floorPerFile(small, publicKey.get(), 2, 1.0);
-    const double shaPerByte = sha256PerByte(0.5);
-    std::printf("floor: %.1f us per file on one thread (%.0f files/s), %.1f us per file and thread on two at once; "
-                "SHA-256 %.0f MB/s on one thread\n",
-                floor1 * 1e6, 1 / floor1, floor2 * 1e6, 1e-6 / shaPerByte);
+    double cpu1 = 0, cpu2 = 0;
+    const double floor1 = floorPerFile(small, publicKey.get(), 1, 1.0, cpu1);
+    const double floor2 = floorPerFile(small, publicKey.get(), 2, 1.0, cpu2);
+    const double sha1 = sha256Rate(1, 0.5), sha2 = sha256Rate(2, 0.5);
+    std::printf("floor: %.1f us per file on one thread (%.0f files/s; %.1f us of CPU), %.1f us per file and thread on "
+                "two at once; SHA-256 %.0f MB/s on one thread, %.0f MB/s on two\n",
+                floor1 * 1e6, 1 / floor1, cpu1 * 1e6, floor2 * 1e6, sha1 * 1e-6, sha2 * 1e-6);
     std::printf("| %-40s | %20s | %12s | %6s | %-16s |\n", "row", "measured", "reference", "ratio", "target");
     std::printf("|------------------------------------------|----------------------|--------------|--------|-----------"
                 "-------|\n");
@@ -326,15 +358,20 @@ int main(int argc, char** argv)
     row("verify -j 1, small files (files/s)", filesOne, "files/s", 1 / floor1, 0.40);
     row("verify -j 2, small files (files/s)", filesTwo, "files/s", 2 / floor1, 0.40);
     row("verify -j 2 against two-thread floor", filesTwo, "files/s", 2 / floor2, 0.40);
+    std::printf("| %-40s | %12.1f %-7s | %12.1f | %6.2f | (any load)       |\n", "verify -j 1: CPU per file (us)",
+                one.cpuSeconds / files * 1e6, "us", cpu1 * 1e6, cpu1 / (one.cpuSeconds / files));
     const Measure big = verify("2", bigList);
     const double megabytes = static_cast<double>(large) * static_cast<double>(bigSigned.region) / 1e6;
-    row("verify -j 2, 1 MiB files (MB/s)", megabytes / big.seconds, "MB/s", 2e-6 / shaPerByte, 0.80);
+    row("verify -j 2, 1 MiB files (MB/s)", megabytes / big.seconds, "MB/s", 2 * sha1 * 1e-6, 0.80);
+    row("verify -j 2, 1 MiB, two-thread SHA-256", megabytes / big.seconds, "MB/s", sha2 * 1e-6, 0.80);
 
     const auto audit = [&](const char* jobs) {
         return best({kzol, "audit", "-q", "-j", jobs, "--pubkey", pubkey, "--root", root, "/opt"}, runs);
     };
     const Measure auditOne = audit("1"), auditTwo = audit("2");
     row("audit -j 2 against -j 1 (files/s)", files / auditTwo.seconds, "files/s", files / auditOne.seconds, 1.60);
+    std::printf("| %-40s | %12.0f %-7s | %12.0f | %6.2f | (for comparison) |\n", "verify -j 2 against -j 1", filesTwo,
+                "files/s", filesOne, filesTwo / filesOne);
 
     const Measure longRun = best({kzol, "verify", "-q", "-j", "2", "--pubkey", pubkey, "--from", longList}, 1);
     std::printf("| %-40s | %12.1f %-7s | %12.1f | %6s | <= 32 MiB %-6s |\n",
