@@ -364,12 +364,18 @@ int main(int argc, char** argv)
     const double megabytes = static_cast<double>(large) * static_cast<double>(bigSigned.region) / 1e6;
     row("verify -j 2, 1 MiB files (MB/s)", megabytes / big.seconds, "MB/s", 2 * sha1 * 1e-6, 0.80);
     row("verify -j 2, 1 MiB, two-thread SHA-256", megabytes / big.seconds, "MB/s", sha2 * 1e-6, 0.80);
+    std::printf("| %-40s | %12.0f %-7s | %12.0f | %6.2f | (any load)       |\n",
+                "verify -j 2, 1 MiB: MB per CPU second", megabytes / big.cpuSeconds, "MB/s", sha1 * 1e-6,
+                megabytes / big.cpuSeconds / (sha1 * 1e-6));
 
     const auto audit = [&](const char* jobs) {
         return best({kzol, "audit", "-q", "-j", jobs, "--pubkey", pubkey, "--root", root, "/opt"}, runs);
     };
     const Measure auditOne = audit("1"), auditTwo = audit("2");
     row("audit -j 2 against -j 1 (files/s)", files / auditTwo.seconds, "files/s", files / auditOne.seconds, 1.60);
+    std::printf("| %-40s | %12.1f %-7s | %12.1f | %6.2f | (any load)       |\n",
+                "audit: CPU per file, -j 2 against -j 1", auditTwo.cpuSeconds / files * 1e6, "us",
+                auditOne.cpuSeconds / files * 1e6, auditOne.cpuSeconds / auditTwo.cpuSeconds);
     std::printf("| %-40s | %12.0f %-7s | %12.0f | %6.2f | (for comparison) |\n", "verify -j 2 against -j 1", filesTwo,
                 "files/s", filesOne, filesTwo / filesOne);
 
