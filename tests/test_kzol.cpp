@@ -326,6 +326,15 @@ TEST(KzolVerify, ListsJsonLinesReasonsAndStatuses)
         EXPECT_NE(err.find(c.err), std::string::npos) << err;
         EXPECT_EQ(err.find('\r'), std::string::npos) << err;
     }
+    // On a terminal (script(1) gives it one), progress unless -q.
+    for (const bool quiet : {false, true}) {
+        std::string out;
+        EXPECT_EQ(run("cd " + shq(dir.path()) + " && script -qec " +
+                          shq(shq(KZOL_TOOL) + " verify" + (quiet ? " -q" : "") + " a.sh c.sh") + " /dev/null",
+                      &out),
+                  1);
+        EXPECT_EQ(out.find("2/2 files, ") != std::string::npos, !quiet) << out;
+    }
 }
 
 // kzol audit --root: a staging tree as the device will see it (areas and

@@ -14,7 +14,7 @@ constexpr std::chrono::milliseconds c_drawInterval{200};
 
 Progress::Progress(std::size_t total, bool wanted)
     : m_shown(wanted && ::isatty(STDERR_FILENO) == 1), m_total(total), m_start(std::chrono::steady_clock::now()),
-      m_lastDraw(m_start)
+      m_lastDraw(m_start - c_drawInterval)  // the first file done is drawn at once
 {
 }
 
