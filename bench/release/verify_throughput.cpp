@@ -173,7 +173,7 @@ double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned th
                     double& cpuPerFile)
 {
     std::atomic<long> done{0};
-    std::atomic<long> cpuNanoseconds{0};
+    std::atomic<long long> cpuNanoseconds{0};
     std::atomic<bool> stop{false};
     std::atomic<bool> wrong{false};
     const auto work = [&]() {
@@ -188,7 +188,7 @@ double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned th
             }
             ++done;
         }
-        cpuNanoseconds += static_cast<long>((threadCpuSeconds() - cpuStart) * 1e9);
+        cpuNanoseconds += static_cast<long long>((threadCpuSeconds() - cpuStart) * 1e9);
     };
     const auto start = Clock::now();
     std::vector<std::thread> workers;
@@ -213,7 +213,7 @@ double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned th
 double sha256Rate(unsigned threads, double budget, double& perCpuSecond)
 {
     std::atomic<long> rounds{0};
-    std::atomic<long> cpuNanoseconds{0};
+    std::atomic<long long> cpuNanoseconds{0};
     std::atomic<bool> stop{false};
     const auto work = [&]() {
         const double cpuStart = threadCpuSeconds();
@@ -223,7 +223,7 @@ double sha256Rate(unsigned threads, double budget, double& perCpuSecond)
             EVP_Digest(block.data(), block.size(), digest, nullptr, EVP_sha256(), nullptr);
             ++rounds;
         }
-        cpuNanoseconds += static_cast<long>((threadCpuSeconds() - cpuStart) * 1e9);
+        cpuNanoseconds += static_cast<long long>((threadCpuSeconds() - cpuStart) * 1e9);
     };
     const auto start = Clock::now();
     std::vector<std::thread> workers;
