@@ -139,6 +139,7 @@ public:
             classify(m_round[i], m_verifiers[worker]);
             m_progress.advance();
         });
+        m_progress.clear();
         for (const Entry& entry : m_round) {
             print(entry);
         }

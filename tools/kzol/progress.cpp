@@ -47,6 +47,19 @@ void Progress::advance(std::size_t count)
     draw(done, false);
 }
 
+void Progress::clear()
+{
+    if (!m_shown) {
+        return;
+    }
+    const std::lock_guard<std::mutex> lock(m_drawing);
+    if (m_drawn && !m_finished) {
+        std::fputs("\r\033[K", stderr);
+        std::fflush(stderr);
+        m_lastDraw = std::chrono::steady_clock::now() - c_drawInterval;
+    }
+}
+
 void Progress::finish()
 {
     if (!m_shown) {

@@ -26,6 +26,9 @@ public:
     void advance(std::size_t count = 1);
     // The total, once it becomes known (or grows).
     void setTotal(std::size_t total);
+    // Takes the line off the terminal before other output; the next advance
+    // draws it again.
+    void clear();
     // Draws the final count and ends the line; also done by the destructor.
     void finish();
 

@@ -626,7 +626,7 @@ int runSign(const SignOptions& options)
 
     const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
     Committer committer;
-    Progress progress(files.size());
+    Progress progress(files.size(), ::isatty(STDOUT_FILENO) != 1);  // not over the lines of the signed files
     forEachInParallel(files.size(), jobs, [&](std::size_t i) {
         committer.add(prepare(options, key.get(), files[i]));
         progress.advance();

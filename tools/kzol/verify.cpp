@@ -204,6 +204,7 @@ int runVerify(const VerifyOptions& options)
                                      : verifiers[worker].verifyPath(round[i], true);
             progress.advance();
         });
+        progress.clear();
         for (std::size_t i = 0; i < round.size(); ++i) {
             const std::string& path = round[i];
             const Verdict& verdict = verdicts[i];
