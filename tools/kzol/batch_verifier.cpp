@@ -28,8 +28,8 @@ using block_layout::c_tailSize;
 
 // Files up to this size are read whole, in one go, into the worker's buffer;
 // larger ones are read in pieces at their positions.
-constexpr std::uint64_t c_wholeFileLimit = 2U << 20U;
-constexpr std::size_t c_pieceSize = 256U << 10U;
+constexpr std::uint64_t c_wholeFileLimit = 128U << 10U;
+constexpr std::size_t c_pieceSize = 128U << 10U;
 // No supported key's signature is longer: an RSA-2048 signature is 256 bytes,
 // 515 characters as a text. A longer text can only fail, and is never held.
 constexpr std::uint64_t c_longestText = 16U << 10U;
