@@ -383,6 +383,9 @@ int main(int argc, char** argv)
                 auditOne.cpuSeconds / files * 1e6, auditOne.cpuSeconds / auditTwo.cpuSeconds);
     std::printf("| %-40s | %12.0f %-7s | %12.0f | %6.2f | (for comparison) |\n", "verify -j 2 against -j 1", filesTwo,
                 "files/s", filesOne, filesTwo / filesOne);
+    std::printf("| %-40s | %12.1f %-7s | %12.1f | %6.2f | (any load)       |\n",
+                "verify: CPU per file, -j 2 against -j 1", two.cpuSeconds / files * 1e6, "us",
+                one.cpuSeconds / files * 1e6, one.cpuSeconds / two.cpuSeconds);
 
     const Measure longRun = best({kzol, "verify", "-q", "-j", "2", "--pubkey", pubkey, "--from", longList}, 1);
     std::printf("| %-40s | %12.1f %-7s | %12.1f | %6s | <= 32 MiB %-6s |\n",
