@@ -2,11 +2,19 @@
 // (verify --keys, keys), many files in one call, early refusal of the wrong
 // key or type, large files read in pieces, a key in a PKCS#11 token, and the
 // library's log lines held back unless asked for.
+#include <grp.h>
 #include <json/json.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
 #include <map>
 #include <sstream>
 #include <vector>
@@ -492,4 +500,155 @@ TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
     std::string outsideJson;
     EXPECT_EQ(run(shq(KZOL_TOOL) + " audit --json " + shq(outside.path()), &outsideJson), 0);
     EXPECT_EQ(auditClasses(outsideJson), outside.file("plain.sh") + " outside\n");
+}
+
+namespace {
+
+// Runs `body` in a child process as user and group 65534 (nobody); answers
+// its exit status.
+int asNobody(const std::function<int()>& body)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(::setgroups(0, nullptr) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+                        ::setresuid(65534, 65534, 65534) == 0
+                    ? body()
+                    : 127);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+// Swaps the directory `dir` for a symbolic link to `target` and back, as
+// nobody, until killed.
+pid_t startSwapper(const std::string& dir, const std::string& target)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) {
+            ::_exit(127);
+        }
+        const std::string aside = dir + ".real";
+        for (;;) {
+            ::rename(dir.c_str(), aside.c_str());
+            ::symlink(target.c_str(), dir.c_str());
+            ::unlink(dir.c_str());
+            ::rename(aside.c_str(), dir.c_str());
+        }
+    }
+    return child;
+}
+
+void stopProcess(pid_t child)
+{
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+}
+
+// What the old tool did: the path looked up at each step, the temporary
+// beside the name, the rename by name.
+void signByName(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string temporary = path.substr(0, path.rfind('/')) + "/.naive-tmp";
+    std::ofstream(temporary, std::ios::binary) << content << "signed";
+    ::rename(temporary.c_str(), path.c_str());
+}
+
+std::string attribute(const std::string& path, const char* name)
+{
+    char value[64];
+    const ssize_t n = ::lgetxattr(path.c_str(), name, value, sizeof(value));
+    return n < 0 ? "none" : std::string(value, static_cast<std::size_t>(n));
+}
+
+}  // namespace
+
+// Root signs a tree that nobody wrote: owners, modes (set-user-ID included)
+// and extended attributes stay, links to root-only files are refused, and a
+// directory swapped for a link while signing runs never lets a write out of
+// the tree, where the old way by name loses.
+TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const TempDir secrets, stage;
+    ::chmod(secrets.path().c_str(), 0700);
+    ::chmod(stage.path().c_str(), 0755);
+    ASSERT_EQ(::chown(stage.path().c_str(), 65534, 65534), 0);
+    writeFile(secrets.file("authorized_keys"), "root's own keys\n");
+    writeFile(secrets.file("shadow"), "root's own secret\n");
+    ::chmod(secrets.file("authorized_keys").c_str(), 0600);
+    ::chmod(secrets.file("shadow").c_str(), 0600);
+    const std::string tree = stage.file("tree");
+    ASSERT_EQ(asNobody([&] {
+                  ::umask(022);
+                  ::mkdir(tree.c_str(), 0755);
+                  ::mkdir((tree + "/d").c_str(), 0755);
+                  writeFile(tree + "/d/authorized_keys", "nobody's keys\n");
+                  writeFile(tree + "/id", "#!/bin/sh\nid\n");
+                  writeFile(tree + "/hard", "echo hard\n");
+                  return ::chmod((tree + "/id").c_str(), 04755) == 0 &&
+                                 ::setxattr((tree + "/id").c_str(), "user.kzol", "label", 5, 0) == 0 &&
+                                 ::link((tree + "/hard").c_str(), (tree + "/hard2").c_str()) == 0 &&
+                                 ::symlink(secrets.file("shadow").c_str(), (tree + "/link").c_str()) == 0 &&
+                                 ::symlink(secrets.file("shadow").c_str(), (tree + "/out-link").c_str()) == 0
+                             ? 0
+                             : 1;
+              }),
+              0);
+    ASSERT_EQ(::setxattr((tree + "/id").c_str(), "security.kzol", "label", 5, 0), 0);
+    const std::string sign = "sign --key " + shq(devPrivateKey('5')) + " --key-id 5 ";
+    struct Case {
+        const char* name;
+        std::string args;
+        int status;
+        const char* says;
+    };
+    const std::vector<Case> cases = {
+        {"set-user-ID file keeps its owner", sign + "id", 0, "signed id"},
+        {"link at FILE to a root-only file", sign + "link", 2, "link is a symbolic link; not followed"},
+        {"link at -o to a root-only file", sign + "--force -o out-link id", 2,
+         "out-link is a symbolic link; not followed"},
+        {"hard-linked file", sign + "hard", 2, "hard has 2 hard links; not replaced"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string text;
+        EXPECT_EQ(run("cd " + shq(tree) + " && " + shq(KZOL_TOOL) + " " + c.args + " 2>&1", &text), c.status);
+        EXPECT_NE(text.find(c.says), std::string::npos) << text;
+    }
+    struct stat st {};
+    ASSERT_EQ(::stat((tree + "/id").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 65534U);
+    EXPECT_EQ(st.st_gid, 65534U);
+    EXPECT_EQ(st.st_mode & 07777, 04755U);
+    EXPECT_EQ(attribute(tree + "/id", "user.kzol"), "label");
+    EXPECT_EQ(attribute(tree + "/id", "security.kzol"), "label");
+    EXPECT_TRUE(readFile(tree + "/id") == signedFile("#!/bin/sh\nid\n", "P50", devPrivateKey('5')));
+    EXPECT_EQ(readFile(tree + "/hard"), "echo hard\n");
+
+    // The racing writer: first the old way by name loses, then kzol never does.
+    const pid_t swapper = startSwapper(tree + "/d", secrets.path());
+    int naiveLosses = 0;
+    for (int i = 0; i < 20000 && naiveLosses == 0; ++i) {
+        signByName(tree + "/d/authorized_keys");
+        naiveLosses += readFile(secrets.file("authorized_keys")) != "root's own keys\n";
+    }
+    writeFile(secrets.file("authorized_keys"), "root's own keys\n");
+    int signedRuns = 0;
+    for (int i = 0; i < 100; ++i) {
+        signedRuns += kzol(sign + "--force " + shq(tree + "/d/authorized_keys"), nullptr, "/") == 0;
+    }
+    stopProcess(swapper);
+    std::cout << "old way lost " << naiveLosses << " time(s); kzol signed " << signedRuns << " of 100 runs\n";
+    EXPECT_GT(naiveLosses, 0);
+    EXPECT_EQ(readFile(secrets.file("authorized_keys")), "root's own keys\n");
+    EXPECT_EQ(readFile(secrets.file("shadow")), "root's own secret\n");
+    for (const auto& entry : fs::directory_iterator(secrets.path())) {
+        EXPECT_EQ(entry.path().filename().string().find(".kzol-"), std::string::npos) << entry.path();
+    }
 }

@@ -1,4 +1,5 @@
 // kzol keygen: the two key pairs of a deployment, for key selectors 5 and 6.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -118,6 +119,11 @@ bool publicKeyPem(EVP_PKEY* key, ByteBuffer& pem, std::string& error)
     return true;
 }
 
+std::string baseName(const std::string& path)
+{
+    return path.substr(path.find_last_of('/') + 1);
+}
+
 int runKeygen(const KeygenOptions& options)
 {
     std::string dir = options.directory;
@@ -128,7 +134,11 @@ int runKeygen(const KeygenOptions& options)
     if (!makeDirectories(dir, c_keyDirectoryMode, error)) {
         return fail(error);
     }
-    dir = resolvedPath(dir);
+    DirectoryEntry directory;
+    if (!openDirectoryEntry(dir, directory, error)) {
+        return fail(error);
+    }
+    dir = resolvedPath(dir);  // for the lines that name the files
 
     std::vector<std::unique_ptr<KeyPairFiles>> pairs;
     for (char selector : {'5', '6'}) {
@@ -145,7 +155,7 @@ int runKeygen(const KeygenOptions& options)
         for (const auto& pair : pairs) {
             for (const std::string* path : {&pair->privatePath, &pair->publicPath}) {
                 struct stat st {};
-                if (::lstat(path->c_str(), &st) == 0) {
+                if (::fstatat(directory.directory->get(), baseName(*path).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
                     existing.push_back(*path);
                 }
             }
@@ -180,9 +190,10 @@ int runKeygen(const KeygenOptions& options)
         outputs.push_back({&pair->publicPath, &pair->publicPem, c_publicKeyMode});
     }
     for (std::size_t i = 0; i < outputs.size(); ++i) {
-        if (!writeFileAtomic(*outputs[i].path, *outputs[i].bytes, outputs[i].mode, options.force, error)) {
+        const DirectoryEntry file{directory.directory, baseName(*outputs[i].path), *outputs[i].path};
+        if (!writeFileAtomic(file, *outputs[i].bytes, outputs[i].mode, options.force, error)) {
             for (std::size_t k = 0; k < i && !options.force; ++k) {
-                ::unlink(outputs[k].path->c_str());
+                ::unlinkat(directory.directory->get(), baseName(*outputs[k].path).c_str(), 0);
             }
             return fail(error);
         }

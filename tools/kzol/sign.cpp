@@ -18,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -47,6 +48,7 @@ struct SignOptions {
     std::string from;
     std::string output;
     bool force = false;
+    bool followLinks = false;
     unsigned int jobs = 0;  // 0: one per processor
     std::string keyDirectory;
     std::vector<std::string> publicKeys;
@@ -263,18 +265,93 @@ bool copyHashing(int fd, std::uint64_t length, bool toEnd, std::uint64_t expecte
     return behind.finish(error);
 }
 
+// The directories of a batch, each opened once and shared by the files in
+// it while any of them is in flight: every file of a directory is written
+// through the one descriptor, and a batch holds few.
+class DirectoryCache {
+public:
+    bool open(const std::string& path, bool followLast, DirectoryEntry& entry, std::string& error)
+    {
+        const std::string key = directoryOf(path);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            const auto found = m_open.find(key);
+            DirectoryFd directory = found == m_open.end() ? nullptr : found->second.lock();
+            const std::size_t slash = path.find_last_of('/');
+            const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+            if (directory && name != "." && name != ".." && !name.empty()) {
+                struct stat status {};
+                // A link as the last component is walked from the start.
+                if (::fstatat(directory->get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+                    !S_ISLNK(status.st_mode) || !followLast) {
+                    entry = {directory, name, path};
+                    return true;
+                }
+            }
+        }
+        if (!openEntry(path, followLast, entry, error)) {
+            return false;
+        }
+        if (!entry.throughLink) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_open[key] = entry.directory;
+        }
+        return true;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::map<std::string, std::weak_ptr<const UniqueFd>> m_open;
+};
+
+// The mode of a new file made from one with `status`: a set-user-ID or
+// set-group-ID bit only where the new file keeps that owner or group.
+mode_t newFileMode(const struct stat& status)
+{
+    mode_t mode = status.st_mode & 07777;
+    if (status.st_uid != ::geteuid()) {
+        mode &= ~static_cast<mode_t>(S_ISUID);
+    }
+    if (status.st_gid != ::getegid()) {
+        mode &= ~static_cast<mode_t>(S_ISGID);
+    }
+    return mode;
+}
+
+// Opens the regular file `entry` names, never through a symbolic link.
+bool openRegular(const DirectoryEntry& entry, UniqueFd& fd, struct stat& status, std::string& error)
+{
+    fd.reset(::openat(entry.directory->get(), entry.name.c_str(),
+                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd) {
+        error = errno == ELOOP ? entry.shown + " is a symbolic link; not followed without --follow-links"
+                               : "cannot open " + entry.shown + ": " + errnoText(errno);
+        return false;
+    }
+    if (::fstat(fd.get(), &status) != 0) {
+        error = "cannot read the status of " + entry.shown + ": " + errnoText(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = entry.shown + " is not a regular file";
+        return false;
+    }
+    return true;
+}
+
 // Signs `file` into a temporary file beside its destination; the outcome
-// carries the writer that commit() finishes with.
-FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string& file)
+// carries the writer that commit() finishes with. Every step acts on the
+// directory and the file opened once.
+FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string& file, DirectoryCache& directories)
 {
     const char type = options.type[0];
     const char keyId = options.keyId[0];
+    std::string error;
+    DirectoryEntry source;
+    UniqueFd fd;
     struct stat input {};
-    if (::stat(file.c_str(), &input) != 0) {
-        return failed("cannot open " + file + ": " + errnoText(errno));
-    }
-    if (!S_ISREG(input.st_mode)) {
-        return failed(file + " is not a regular file");
+    if (!directories.open(file, options.followLinks, source, error) || !openRegular(source, fd, input, error)) {
+        return failed(error);
     }
     if (static_cast<std::uint64_t>(input.st_size) >= std::numeric_limits<std::uint32_t>::max()) {
         return failed(file + " is too large: block positions are 32-bit");
@@ -287,7 +364,7 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
     _ZolSigMeta existingMeta{};
     bool replacing = false;
     std::uint64_t contentLength = 0;
-    if (existing.loadFromFile(file, existingMeta)) {
+    if (loadBlock(fd.get(), existing, existingMeta)) {
         if (!options.force) {
             return skipped(file + " already carries a signature block (type " + printable(existingMeta.sigType) +
                            ", key " + printable(existingMeta.keyId) + "); use --force to replace it");
@@ -299,15 +376,21 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
         replacing = true;
     }
 
-    // Where the result goes. In place, a symbolic link is followed so that the
-    // file it names is replaced, not the link.
-    std::string destination;
+    // Where the result goes, and the file it replaces (if any), whose owner,
+    // mode and extended attributes the result keeps.
+    DirectoryEntry destination = source;
+    UniqueFd replacedFd;
+    struct stat replaced = input;
     bool destinationExists = true;
-    if (options.output.empty()) {
-        destination = resolvedPath(file);
-    } else {
+    if (!options.output.empty()) {
+        if (!directories.open(options.output, options.followLinks, destination, error)) {
+            return failed(error);
+        }
         struct stat out {};
-        if (::stat(options.output.c_str(), &out) == 0) {
+        if (::fstatat(destination.directory->get(), destination.name.c_str(), &out, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (S_ISLNK(out.st_mode)) {
+                return failed(options.output + " is a symbolic link; not followed without --follow-links");
+            }
             if (S_ISDIR(out.st_mode)) {
                 return failed(options.output + " is a directory");
             }
@@ -315,23 +398,25 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
             if (!sameFile && !options.force) {
                 return skipped(options.output + " exists; use --force to overwrite it");
             }
-            destination = resolvedPath(options.output);
+            if (!openRegular(destination, replacedFd, replaced, error)) {
+                return failed(error);
+            }
         } else if (errno == ENOENT) {
-            destination = options.output;
             destinationExists = false;
         } else {
             return failed("cannot use " + options.output + ": " + errnoText(errno));
         }
     }
-
-    const UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) {
-        return failed("cannot open " + file + ": " + errnoText(errno));
+    const int replacedDescriptor = replacedFd ? replacedFd.get() : fd.get();
+    if (destinationExists && replaced.st_nlink > 1 && !options.force) {
+        return failed(destination.shown + " has " + std::to_string(replaced.st_nlink) +
+                      " hard links; not replaced (--force replaces this name only: its other links keep the old "
+                      "content)");
     }
-    std::string error;
+
     auto writerOwner = std::make_unique<AtomicFileWriter>();
     AtomicFileWriter& writer = *writerOwner;
-    if (!writer.begin(destination, input.st_mode & 07777, error)) {
+    if (!writer.begin(destination, newFileMode(input), error)) {
         return failed(error);
     }
     const EvpMdCtxPtr digest(EVP_MD_CTX_new());
@@ -364,10 +449,11 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
     }
     // The library's reader must find exactly the new block before the file
     // takes the destination's name.
-    if (!blockReadsBack(writer.temporaryPath(), static_cast<std::size_t>(copied), type, keyId)) {
-        return failed("the library does not read the new block back; " + destination + " left as it was");
+    if (!blockReadsBack(writer.descriptor(), static_cast<std::size_t>(copied), type, keyId)) {
+        return failed("the library does not read the new block back; " + destination.shown + " left as it was");
     }
-    if (!writer.finishWriting(error)) {
+    if ((destinationExists && !writer.keepAttributesOf(replacedDescriptor, replaced, error)) ||
+        !writer.finishWriting(error)) {
         return failed(error);
     }
     return {Outcome::Signed, c_exitSuccess, std::move(writerOwner), destinationExists,
@@ -396,7 +482,7 @@ FileOutcome commit(FileOutcome prepared, bool flushed)
 // are on, then gives them their names; the directories where names changed
 // are added to `directories`, for the caller to flush. Whatever fails stays
 // as it was.
-void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& directories)
+void commitTogether(std::vector<FileOutcome>& prepared, std::set<DirectoryFd>& directories)
 {
     std::vector<dev_t> flushedDevices;
     std::string flushError;
@@ -404,14 +490,14 @@ void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& d
         if (!file.writer || !flushError.empty()) {
             continue;
         }
-        const std::string directory = directoryOf(file.writer->temporaryPath());
-        const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const int fd = file.writer->directory()->get();
         struct stat status {};
-        if (!fd || ::fstat(fd.get(), &status) != 0) {
-            flushError = "cannot open " + directory + ": " + errnoText(errno);
+        if (::fstat(fd, &status) != 0) {
+            flushError =
+                "cannot read the status of the directory of " + file.writer->destination() + ": " + errnoText(errno);
         } else if (std::find(flushedDevices.begin(), flushedDevices.end(), status.st_dev) == flushedDevices.end()) {
-            if (::syncfs(fd.get()) != 0) {
-                flushError = "cannot flush the file system of " + directory + ": " + errnoText(errno);
+            if (::syncfs(fd) != 0) {
+                flushError = "cannot flush the file system of " + file.writer->destination() + ": " + errnoText(errno);
             }
             flushedDevices.push_back(status.st_dev);
         }
@@ -421,7 +507,7 @@ void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& d
             file = failed(flushError + "; " + file.writer->destination() + " left as it was");
             continue;
         }
-        const std::string directory = file.writer ? directoryOf(file.writer->destination()) : std::string();
+        const DirectoryFd directory = file.writer ? file.writer->directory() : nullptr;
         file = commit(std::move(file), true);
         if (file.outcome == Outcome::Signed) {
             directories.insert(directory);
@@ -454,7 +540,7 @@ public:
         if (!m_thread.joinable()) {
             std::vector<FileOutcome> one;
             one.push_back(std::move(prepared));
-            std::set<std::string> directories;
+            std::set<DirectoryFd> directories;
             commitTogether(one, directories);
             const std::lock_guard<std::mutex> lock(m_mutex);  // workers add at once
             record(one, directories);
@@ -472,8 +558,8 @@ public:
     void finish()
     {
         endThread(m_thread, m_mutex, m_changed, m_done);
-        for (const std::string& directory : m_directories) {
-            syncDirectory(directory);
+        for (const DirectoryFd& directory : m_directories) {
+            syncDirectory(directory->get());
         }
         m_directories.clear();
     }
@@ -498,13 +584,13 @@ private:
                 round.swap(m_waiting);
             }
             m_changed.notify_all();
-            std::set<std::string> directories;
+            std::set<DirectoryFd> directories;
             commitTogether(round, directories);
             record(round, directories);
         }
     }
 
-    void record(const std::vector<FileOutcome>& files, const std::set<std::string>& directories)
+    void record(const std::vector<FileOutcome>& files, const std::set<DirectoryFd>& directories)
     {
         for (const FileOutcome& file : files) {
             ++m_counts[static_cast<int>(file.outcome)];
@@ -522,7 +608,7 @@ private:
     bool m_done = false;
     // By the committing thread, or by add() (locked) when there is none.
     std::size_t m_counts[3] = {0, 0, 0};
-    std::set<std::string> m_directories;  // names changed here: flushed once, at the end
+    std::set<DirectoryFd> m_directories;  // names changed here: flushed once, at the end
     std::thread m_thread;
 };
 
@@ -619,13 +705,15 @@ int runSign(const SignOptions& options)
     if (const int status = checkKey(options, key.get()); status != c_exitSuccess) {
         return status;
     }
+    DirectoryCache directories;
     if (!batch) {
-        return commit(prepare(options, key.get(), files.front()), false).status;
+        return commit(prepare(options, key.get(), files.front(), directories), false).status;
     }
 
     const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
     Committer committer;
-    forEachInParallel(files.size(), jobs, [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i])); });
+    forEachInParallel(files.size(), jobs,
+                      [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i], directories)); });
     committer.finish();
     const std::size_t failures = committer.count(Outcome::Failed);
     std::cout << committer.count(Outcome::Signed) << " signed, " << committer.count(Outcome::Skipped) << " skipped, "
@@ -651,6 +739,8 @@ void addSignCommand(CLI::App& app, int& status)
     cmd->add_option("-o,--output", options->output, "Write the signed file here instead of replacing FILE (one FILE)");
     cmd->add_flag("--force", options->force,
                   "Replace an existing block; overwrite an existing -o file; allow --type L");
+    cmd->add_flag("--follow-links", options->followLinks,
+                  "Sign the file a symbolic link at FILE (or at -o) names, opened once, instead of refusing it");
     cmd->add_option("-j,--jobs", options->jobs, "Files signed at once (default: one per processor)")
         ->check(CLI::Range(1U, 256U));
     cmd->add_option("--keys", options->keyDirectory,
@@ -661,7 +751,12 @@ void addSignCommand(CLI::App& app, int& status)
     cmd->add_option("--pin-file", options->token.pinFile,
                     "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
     cmd->footer("The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
-                "over SHA-256. The result keeps FILE's permission bits. The key is checked first: the private\n"
+                "over SHA-256. A replaced file keeps its owner, group, permission bits and extended attributes\n"
+                "(when they cannot be kept it is not replaced); a new -o file gets FILE's permission bits, without\n"
+                "set-user-ID or set-group-ID unless it has FILE's owner or group. Directories are opened one\n"
+                "component at a time without following links others own; a symbolic link at FILE or at -o is\n"
+                "refused without --follow-links; a file with several hard links is replaced only with --force. The key "
+                "is checked first: the private\n"
                 "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
                 "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
                 "exists (nothing written); 2 usage or I/O error (nothing written).\n"

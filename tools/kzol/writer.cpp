@@ -1,5 +1,7 @@
 #include "writer.h"
 
+#include <unistd.h>
+
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
@@ -230,11 +232,26 @@ bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char
     return composeSignedFileOver(key, content, region, type, keyId, signedFile, error);
 }
 
-bool blockReadsBack(const std::string& path, std::size_t contentSize, char type, char keyId)
+bool loadBlock(int fd, Signature& block, _ZolSigMeta& meta)
+{
+    const int copy = ::dup(fd);
+    FilePtr stream(copy < 0 ? nullptr : ::fdopen(copy, "rb"));
+    if (!stream) {
+        if (copy >= 0) {
+            ::close(copy);
+        }
+        return false;
+    }
+    const bool loaded = block.loadFromStream(stream.get(), meta);
+    ::lseek(fd, 0, SEEK_SET);
+    return loaded;
+}
+
+bool blockReadsBack(int fd, std::size_t contentSize, char type, char keyId)
 {
     Signature check;
     _ZolSigMeta meta{};
-    return check.loadFromFile(path, meta) && check.offset() == contentSize + c_metaFieldSize && meta.sigType == type &&
+    return loadBlock(fd, check, meta) && check.offset() == contentSize + c_metaFieldSize && meta.sigType == type &&
            meta.keyId == keyId;
 }
 

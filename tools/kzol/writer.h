@@ -14,6 +14,7 @@
 
 #include "block_layout.h"
 #include "common.h"
+#include "signature.h"
 #include "string_utils.h"
 
 namespace kzol {
@@ -63,10 +64,14 @@ bool composeSignedFileOver(EVP_PKEY* key, const ByteBuffer& content, const ByteB
 bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char keyId, ByteBuffer& signedFile,
                        std::string& error);
 
-// True when the library's reader loads from `path` exactly the block that was
-// written over `contentSize` bytes of content: the signed region ends after
-// the metadata field, with the given type and key selector. A written file is
-// checked so before it takes its final name.
-bool blockReadsBack(const std::string& path, std::size_t contentSize, char type, char keyId);
+// True when the library's reader loads from the open file `fd` exactly the
+// block that was written over `contentSize` bytes of content: the signed
+// region ends after the metadata field, with the given type and key selector.
+// A written file is checked so before it takes its final name.
+bool blockReadsBack(int fd, std::size_t contentSize, char type, char keyId);
+
+// Loads the block at the end of the open file `fd` as the library's reader
+// does; fd's offset is set back to the start afterwards.
+bool loadBlock(int fd, Signature& block, _ZolSigMeta& meta);
 
 }  // namespace kzol
