@@ -106,6 +106,9 @@ int runCert(const CertOptions& options)
     if (!key.load(options.key, options.token, error)) {
         return fail(error);
     }
+    if (const std::string warning = developmentKeyWarning(key.get()); !warning.empty()) {
+        std::cerr << warning << std::endl;
+    }
 
     const std::string header = certificateHeader(options.duid);
     const ByteBuffer content(header.begin(), header.end());
@@ -159,7 +162,9 @@ void addCertCommand(CLI::App& app, int& status)
     cmd->add_option("--key", options->key, "RSA-2048 private key: a PEM file or a pkcs11: URI")->required();
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
     cmd->add_option("--pin-file", options->token.pinFile,
-                    "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
+                    "File holding the token's PIN (else pin-value, KZOL_PKCS11_PIN, or asked for on a terminal)");
+    cmd->add_option("--pass-file", options->token.passFile,
+                    "File whose first line is the passphrase of an encrypted PEM key (else asked for on a terminal)");
     cmd->add_option("--key-id", options->keyId, "Key selector the block names: 5 or 6")
         ->required()
         ->check(CLI::IsMember({"5", "6"}));

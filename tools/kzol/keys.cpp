@@ -4,12 +4,14 @@
 #include <unistd.h>
 
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <iostream>
 #include <memory>
@@ -18,6 +20,8 @@
 #include "atomic_file.h"
 #include "commands.h"
 #include "common.h"
+#include "signing_key.h"
+#include "token_uri.h"
 #include "writer.h"
 
 namespace kzol {
@@ -210,10 +214,112 @@ int runKeygen(const KeygenOptions& options)
     return c_exitSuccess;
 }
 
+struct PubkeyOptions {
+    std::string key;
+    std::string output;
+    bool force = false;
+    TokenOptions token;
+};
+
+// A public key file in any PEM form (SubjectPublicKeyInfo or PKCS#1), as
+// `openssl pkey -pubout` and `openssl rsa -RSAPublicKey_out` write them.
+bool loadPublicPem(const std::string& path, EvpPkeyPtr& key, std::string& error)
+{
+    ByteBuffer text;
+    if (!readFileBytes(path, text, error, 1 << 20)) {
+        return false;
+    }
+    BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    key.reset(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    if (!key && bio) {
+        BioPtr again(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+        RSA* rsa = again ? PEM_read_bio_RSAPublicKey(again.get(), nullptr, nullptr, nullptr) : nullptr;
+        if (rsa != nullptr) {
+            key.reset(EVP_PKEY_new());
+            if (!key || EVP_PKEY_assign_RSA(key.get(), rsa) != 1) {
+                RSA_free(rsa);
+                key.reset();
+            }
+        }
+    }
+    ERR_clear_error();
+    if (!key) {
+        error = path + ": not a PEM public key";
+        return false;
+    }
+    if (EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA || EVP_PKEY_bits(key.get()) != c_signingKeyBits) {
+        error = path + ": not an RSA-2048 key";
+        return false;
+    }
+    return true;
+}
+
+int runPubkey(const PubkeyOptions& options)
+{
+    std::string error;
+    EvpPkeyPtr publicKey;
+    SigningKey signingKey;
+    EVP_PKEY* key = nullptr;
+    // A private key's text is read as a secret: wiped after the look.
+    SecretBytes text;
+    bool isPublic = false;
+    if (!isTokenUri(options.key) && readSecretFile(options.key, text, 1 << 20, error)) {
+        const char marker[] = "PUBLIC KEY-----";
+        isPublic = std::search(text.data(), text.data() + text.size(), marker, marker + sizeof(marker) - 1) !=
+                   text.data() + text.size();
+    }
+    text.clear();
+    if (isPublic) {
+        if (!loadPublicPem(options.key, publicKey, error)) {
+            return fail(error);
+        }
+        key = publicKey.get();
+    } else {
+        if (!signingKey.load(options.key, options.token, error)) {
+            return fail(error);
+        }
+        key = signingKey.get();
+    }
+    ByteBuffer pem;
+    if (!publicKeyPem(key, pem, error)) {
+        return fail(error);
+    }
+    if (const char development = developmentKeyOf(key); development != 0) {
+        std::cerr << "kzol: warning: this is the DEVELOPMENT key " << development
+                  << " of the source tree (keys/dev): never build a release with it" << std::endl;
+    }
+    if (options.output.empty()) {
+        std::cout.write(reinterpret_cast<const char*>(pem.data()), static_cast<std::streamsize>(pem.size()));
+        std::cout.flush();
+        return std::cout ? c_exitSuccess : fail("cannot write the public key");
+    }
+    if (!writeFileAtomic(options.output, pem, c_publicKeyMode, options.force, error)) {
+        return fail(error.find("already exists") != std::string::npos ? c_exitNegative : c_exitError,
+                    error + (error.find("already exists") != std::string::npos ? "; use --force to replace it" : ""));
+    }
+    std::cerr << "wrote " << options.output << ": build with -DKZOL_PUBLIC_KEY_N=" << options.output << std::endl;
+    return c_exitSuccess;
+}
+
 }  // namespace
 
 void addKeygenCommand(CLI::App& app, int& status)
 {
+    auto pubkey = std::make_shared<PubkeyOptions>();
+    CLI::App* pub = app.add_subcommand("pubkey", "Write a public key in the form the library's build takes");
+    pub->add_option("KEY", pubkey->key, "A PEM private or public key, or a pkcs11: URI")->required();
+    pub->add_option("-o,--output", pubkey->output, "File to write (default: standard output)");
+    pub->add_flag("--force", pubkey->force, "Replace an existing output file");
+    pub->add_option("--module", pubkey->token.module, "PKCS#11 module for a pkcs11: key without module-path");
+    pub->add_option("--pin-file", pubkey->token.pinFile, "File holding the token's PIN");
+    pub->add_option("--pass-file", pubkey->token.passFile, "File whose first line is the PEM key's passphrase");
+    pub->footer("The output is the RSA-2048 SubjectPublicKeyInfo as one line of 392 base64 characters between\n"
+                "the BEGIN and END lines, 445 characters in all: pass it as -DKZOL_PUBLIC_KEY_5=FILE or\n"
+                "-DKZOL_PUBLIC_KEY_6=FILE. Any PEM public key (openssl pkey -pubout, openssl rsa\n"
+                "-RSAPublicKey_out) or private key converts. Exit status: 0 written; 1 the output exists;\n"
+                "2 unreadable key or bad usage.\n");
+    pub->callback([pubkey, &status]() { status = runPubkey(*pubkey); });
+
     auto options = std::make_shared<KeygenOptions>();
     CLI::App* cmd = app.add_subcommand("keygen", "Create the RSA-2048 key pairs for key selectors 5 and 6");
     cmd->add_option("DIR", options->directory, "Directory for the key files (created if needed)")->required();

@@ -2,17 +2,21 @@
 // have. Each file is read once, in bounded memory, hashed as it is copied to
 // a temporary file beside it, and takes its name only once the library reads
 // the new block back. Many files are signed by several workers at once.
+#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdint>
 #include <deque>
 #include <fstream>
@@ -32,6 +36,7 @@
 #include "keyset.h"
 #include "signature.h"
 #include "signing_key.h"
+#include "verify_context.h"
 #include "writer.h"
 
 namespace kzol {
@@ -49,6 +54,7 @@ struct SignOptions {
     std::string output;
     bool force = false;
     bool followLinks = false;
+    bool removeLeftovers = false;
     unsigned int jobs = 0;  // 0: one per processor
     std::string keyDirectory;
     std::vector<std::string> publicKeys;
@@ -85,6 +91,21 @@ FileOutcome skipped(const std::string& message)
 {
     say(std::cerr, "kzol: " + message);
     return {Outcome::Skipped, c_exitNegative, nullptr, false, {}};
+}
+
+// A file that carries a block this run will not replace without --force.
+FileOutcome refused(const std::string& message)
+{
+    say(std::cerr, "kzol: " + message);
+    return {Outcome::Failed, c_exitNegative, nullptr, false, {}};
+}
+
+// Set by SIGINT or SIGTERM: no file is started after it.
+volatile std::sig_atomic_t g_interrupt = 0;
+
+extern "C" void onInterrupt(int signal)
+{
+    g_interrupt = signal;
 }
 
 // Pieces of a large file between the thread that reads and hashes them and
@@ -292,17 +313,98 @@ public:
         if (!openEntry(path, followLast, entry, error)) {
             return false;
         }
+        const std::lock_guard<std::mutex> lock(m_mutex);
         if (!entry.throughLink) {
-            const std::lock_guard<std::mutex> lock(m_mutex);
             m_open[key] = entry.directory;
+        }
+        // Before any temporary file of this run is made in it, a directory
+        // is searched once for those that an earlier run left.
+        struct stat status {};
+        if (::fstat(entry.directory->get(), &status) == 0 && m_searched.insert({status.st_dev, status.st_ino}).second) {
+            findLeftovers(entry.directory->get(), directoryOf(path));
         }
         return true;
     }
 
+    // Temporary files of earlier runs, as "DIR/NAME" (removed when asked).
+    const std::vector<std::string>& leftovers() const { return m_leftovers; }
+    std::size_t removed() const { return m_removed; }
+    void removeLeftovers(bool remove) { m_remove = remove; }
+
 private:
+    // A name as the writer makes its temporary files: ".NAME.kzol-XXXXXX".
+    static bool isTemporaryName(const std::string& name)
+    {
+        const std::size_t infix = name.rfind(c_temporaryInfix);
+        return name.size() > 1 && name[0] == '.' && infix != std::string::npos && infix > 1 &&
+               name.size() == infix + std::string(c_temporaryInfix).size() + 6;
+    }
+
+    void findLeftovers(int directory, const std::string& shown)
+    {
+        const int copy = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR* listing = copy < 0 ? nullptr : ::fdopendir(copy);
+        if (listing == nullptr) {
+            if (copy >= 0) {
+                ::close(copy);
+            }
+            return;
+        }
+        for (const dirent* item = ::readdir(listing); item != nullptr; item = ::readdir(listing)) {
+            const std::string name = item->d_name;
+            struct stat status {};
+            if (!isTemporaryName(name) || ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+                !S_ISREG(status.st_mode)) {
+                continue;
+            }
+            if (m_remove && ::unlinkat(directory, name.c_str(), 0) == 0) {
+                ++m_removed;
+            } else {
+                m_leftovers.push_back(shown + "/" + name);
+            }
+        }
+        ::closedir(listing);
+    }
+
     std::mutex m_mutex;
     std::map<std::string, std::weak_ptr<const UniqueFd>> m_open;
+    std::set<std::pair<dev_t, ino_t>> m_searched;
+    std::vector<std::string> m_leftovers;
+    std::size_t m_removed = 0;
+    bool m_remove = false;
 };
+
+// The signing key's public half, against which an existing block is checked.
+struct ResumeCheck {
+    std::string publicPem;
+};
+
+// Whether the block `block` of the open file `fd` verifies under `publicPem`:
+// the signed region is read in pieces, as the library reads it.
+bool blockVerifies(int fd, const Signature& block, const std::string& publicPem)
+{
+    VerifyContext context;
+    if (!context.loadPublicKey(publicPem) || !context.init()) {
+        return false;
+    }
+    std::vector<unsigned char> piece(c_copyChunk);
+    for (std::uint64_t at = 0; at < block.offset();) {
+        const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), block.offset() - at));
+        const ssize_t n = ::pread(fd, piece.data(), want, static_cast<off_t>(at));
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        if (!context.update(piece.data(), static_cast<unsigned int>(n))) {
+            return false;
+        }
+        at += static_cast<std::uint64_t>(n);
+    }
+    bool verified = false;
+    return context.checkMPI(block, verified) && verified;
+}
 
 // The mode of a new file made from one with `status`: a set-user-ID or
 // set-group-ID bit only where the new file keeps that owner or group.
@@ -342,7 +444,8 @@ bool openRegular(const DirectoryEntry& entry, UniqueFd& fd, struct stat& status,
 // Signs `file` into a temporary file beside its destination; the outcome
 // carries the writer that commit() finishes with. Every step acts on the
 // directory and the file opened once.
-FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string& file, DirectoryCache& directories)
+FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const ResumeCheck& resume, const std::string& file,
+                    DirectoryCache& directories)
 {
     const char type = options.type[0];
     const char keyId = options.keyId[0];
@@ -365,9 +468,23 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
     bool replacing = false;
     std::uint64_t contentLength = 0;
     if (loadBlock(fd.get(), existing, existingMeta)) {
+        // Without --force, a file is left alone only when its block is this
+        // key's and verifies: a block of another key, a broken or tampered one
+        // fails the file.
         if (!options.force) {
-            return skipped(file + " already carries a signature block (type " + printable(existingMeta.sigType) +
-                           ", key " + printable(existingMeta.keyId) + "); use --force to replace it");
+            const std::string block =
+                " (type " + printable(existingMeta.sigType) + ", key " + printable(existingMeta.keyId) + ")";
+            if (!blockVerifies(fd.get(), existing, resume.publicPem)) {
+                return refused(file + " carries a block" + block +
+                               " that does not verify under the signing key: signed with another key, or "
+                               "changed since; use --force to re-sign it");
+            }
+            if (existingMeta.sigType != type || existingMeta.keyId != keyId) {
+                return refused(file + " carries a block of this key" + block + " that differs from type " + type +
+                               ", key " + keyId + "; use --force to re-sign it");
+            }
+            return {Outcome::Skipped, c_exitNegative, nullptr, false,
+                    file + " already carries a block of this key that verifies; nothing to do"};
         }
         if (existing.offset() < c_metaFieldSize + 1) {
             return failed(file + " has a block but no content before it");
@@ -389,7 +506,8 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
         struct stat out {};
         if (::fstatat(destination.directory->get(), destination.name.c_str(), &out, AT_SYMLINK_NOFOLLOW) == 0) {
             if (S_ISLNK(out.st_mode)) {
-                return failed(options.output + " is a symbolic link; not followed without --follow-links");
+                return failed(options.output +
+                              " already exists as a symbolic link; not followed without --follow-links");
             }
             if (S_ISDIR(out.st_mode)) {
                 return failed(options.output + " is a directory");
@@ -640,12 +758,16 @@ int checkKey(const SignOptions& options, EVP_PKEY* key)
         return fail(error);
     }
     std::cout << "signing key: SHA256:" << fingerprintHex << "\n";
+    if (const std::string warning = developmentKeyWarning(key); !warning.empty()) {
+        std::cout << std::flush;
+        std::cerr << warning << std::endl;
+    }
     if (fingerprintHex == theirs) {
-        return fail(options.key + " is the private half of the " + source + " key " + other + ", not of key " +
-                    selector + ": its signatures would never verify; use --key-id " + other);
+        return fail(redactedKeyName(options.key) + " is the private half of the " + source + " key " + other +
+                    ", not of key " + selector + ": its signatures would never verify; use --key-id " + other);
     }
     if (fingerprintHex != mine) {
-        std::cerr << "kzol: warning: " << options.key << " matches neither " << source
+        std::cerr << "kzol: warning: " << redactedKeyName(options.key) << " matches neither " << source
                   << " public key; its signatures verify only where its public half is built in as key " << selector
                   << std::endl;
     }
@@ -679,6 +801,59 @@ bool readList(const std::string& from, std::vector<std::string>& files, std::str
     return true;
 }
 
+// The public half of `key` as PEM text.
+bool publicHalfPem(EVP_PKEY* key, std::string& pem, std::string& error)
+{
+    const BioPtr bio(BIO_new(BIO_s_mem()));
+    char* text = nullptr;
+    long length = 0;
+    if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1 || (length = BIO_get_mem_data(bio.get(), &text)) <= 0) {
+        error = withOpensslErrors("cannot encode the signing key's public half");
+        return false;
+    }
+    pem.assign(text, static_cast<std::size_t>(length));
+    return true;
+}
+
+// Each file once, in the order first named: the same file under two names
+// (by device and inode, or by name when it cannot be looked up) is signed once.
+void removeDuplicates(std::vector<std::string>& files)
+{
+    std::set<std::pair<dev_t, ino_t>> seenFiles;
+    std::set<std::string> seenNames;
+    std::vector<std::string> unique;
+    for (std::string& file : files) {
+        struct stat status {};
+        const bool fresh = ::stat(file.c_str(), &status) == 0 ? seenFiles.insert({status.st_dev, status.st_ino}).second
+                                                              : seenNames.insert(file).second;
+        if (fresh) {
+            unique.push_back(std::move(file));
+        }
+    }
+    files.swap(unique);
+}
+
+// Lists the temporary files that an earlier run left (after SIGKILL or a
+// crash), a few by name, and how to remove them.
+void reportLeftovers(const DirectoryCache& directories)
+{
+    if (directories.removed() != 0) {
+        std::cerr << "kzol: removed " << directories.removed() << " temporary file(s) left by an earlier run"
+                  << std::endl;
+    }
+    const std::vector<std::string>& left = directories.leftovers();
+    if (left.empty()) {
+        return;
+    }
+    constexpr std::size_t c_named = 5;
+    for (std::size_t i = 0; i < left.size() && i < c_named; ++i) {
+        std::cerr << "kzol: left by an earlier run: " << left[i] << std::endl;
+    }
+    std::cerr << "kzol: " << left.size() << " temporary file(s) left by an earlier, interrupted run"
+              << (left.size() > c_named ? " (" + std::to_string(left.size() - c_named) + " not named)" : "")
+              << "; run again with --remove-leftovers to remove them" << std::endl;
+}
+
 int runSign(const SignOptions& options)
 {
     if (options.type != "P" && !options.force) {
@@ -705,20 +880,59 @@ int runSign(const SignOptions& options)
     if (const int status = checkKey(options, key.get()); status != c_exitSuccess) {
         return status;
     }
-    DirectoryCache directories;
-    if (!batch) {
-        return commit(prepare(options, key.get(), files.front(), directories), false).status;
+    ResumeCheck resume;
+    if (!publicHalfPem(key.get(), resume.publicPem, error)) {
+        return fail(error);
     }
+    removeDuplicates(files);
 
-    const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
-    Committer committer;
-    forEachInParallel(files.size(), jobs,
-                      [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i], directories)); });
-    committer.finish();
-    const std::size_t failures = committer.count(Outcome::Failed);
-    std::cout << committer.count(Outcome::Signed) << " signed, " << committer.count(Outcome::Skipped) << " skipped, "
-              << failures << " failed" << std::endl;
-    return failures == 0 ? c_exitSuccess : c_exitNegative;
+    // SIGINT and SIGTERM end the batch between files: those in flight are
+    // finished, no other is started, no temporary file stays. A second one
+    // ends the process at once.
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    action.sa_flags = SA_RESTART | SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+
+    DirectoryCache directories;
+    directories.removeLeftovers(options.removeLeftovers);
+    int status = c_exitSuccess;
+    if (!batch) {
+        FileOutcome prepared = prepare(options, key.get(), resume, files.front(), directories);
+        if (prepared.outcome == Outcome::Skipped && !prepared.done.empty()) {
+            say(std::cerr, "kzol: " + prepared.done);  // quiet in a batch only
+        }
+        if (g_interrupt == 0) {
+            status = commit(std::move(prepared), false).status;
+        }
+    } else {
+        const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
+        Committer committer;
+        std::atomic<std::size_t> started{0};
+        forEachInParallel(files.size(), jobs, [&](std::size_t i) {
+            if (g_interrupt == 0) {
+                ++started;
+                committer.add(prepare(options, key.get(), resume, files[i], directories));
+            }
+        });
+        committer.finish();
+        const std::size_t failures = committer.count(Outcome::Failed);
+        std::cout << (g_interrupt != 0 ? "interrupted: " : "") << committer.count(Outcome::Signed) << " signed, "
+                  << committer.count(Outcome::Skipped) << " skipped, " << failures << " failed"
+                  << (g_interrupt != 0 ? ", " + std::to_string(files.size() - started) + " not started" : "")
+                  << std::endl;
+        status = failures == 0 ? c_exitSuccess : c_exitNegative;
+    }
+    reportLeftovers(directories);
+    if (g_interrupt != 0) {
+        if (!batch) {
+            std::cout << "interrupted: " << files.front() << " left as it was" << std::endl;
+        }
+        return 128 + g_interrupt;
+    }
+    return status;
 }
 
 }  // namespace
@@ -741,6 +955,9 @@ void addSignCommand(CLI::App& app, int& status)
                   "Replace an existing block; overwrite an existing -o file; allow --type L");
     cmd->add_flag("--follow-links", options->followLinks,
                   "Sign the file a symbolic link at FILE (or at -o) names, opened once, instead of refusing it");
+    cmd->add_flag("--remove-leftovers", options->removeLeftovers,
+                  "Remove the temporary files (.NAME.kzol-XXXXXX) an interrupted earlier run left in the "
+                  "directories of the files signed");
     cmd->add_option("-j,--jobs", options->jobs, "Files signed at once (default: one per processor)")
         ->check(CLI::Range(1U, 256U));
     cmd->add_option("--keys", options->keyDirectory,
@@ -749,7 +966,9 @@ void addSignCommand(CLI::App& app, int& status)
         ->allow_extra_args(false);
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
     cmd->add_option("--pin-file", options->token.pinFile,
-                    "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
+                    "File holding the token's PIN (else pin-value, KZOL_PKCS11_PIN, or asked for on a terminal)");
+    cmd->add_option("--pass-file", options->token.passFile,
+                    "File whose first line is the passphrase of an encrypted PEM key (else asked for on a terminal)");
     cmd->footer("The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
                 "over SHA-256. A replaced file keeps its owner, group, permission bits and extended attributes\n"
                 "(when they cannot be kept it is not replaced); a new -o file gets FILE's permission bits, without\n"
@@ -758,8 +977,14 @@ void addSignCommand(CLI::App& app, int& status)
                 "refused without --follow-links; a file with several hard links is replaced only with --force. The key "
                 "is checked first: the private\n"
                 "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
-                "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
-                "exists (nothing written); 2 usage or I/O error (nothing written).\n"
+                "A file that already carries a block is skipped (quietly, counted) only when the block verifies\n"
+                "under the signing key and names the same type and selector; any other block (another key,\n"
+                "broken, changed since signing) fails that file unless --force re-signs it. A file named twice is\n"
+                "signed once. SIGINT or SIGTERM: files in flight are finished, none is started, no temporary\n"
+                "file stays; the summary says \"interrupted\" (exit 130 or 143). Temporary files an earlier run\n"
+                "left (after SIGKILL) are listed; --remove-leftovers removes them.\n"
+                "Exit status, one FILE: 0 signed; 1 FILE already carries a block (of this key, or one that does not\n"
+                "verify) or the -o file exists (nothing written); 2 usage or I/O error (nothing written).\n"
                 "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n"
                 "Every signed file is on disk before it takes its name: one FILE is flushed on its own; several\n"
                 "take their names in rounds, after one flush of their file system (syncfs) for each round.\n");
