@@ -57,10 +57,10 @@ int runKeys(const KeysOptions& options)
         }
         const bool same = hex == builtInHex;
         allMatch = allMatch && same;
-        const char development = developmentKeyOfFingerprint(hex);
+        const char devSelector = developmentKeyOfFingerprint(hex);
         std::cout << "given key " << selector << ": SHA256:" << hex
                   << (same ? " (matches the built-in key)" : " (DIFFERS from the built-in key)")
-                  << (development != 0 ? std::string(", the DEVELOPMENT key ") + development + " of keys/dev" : "")
+                  << (devSelector != 0 ? std::string(", the DEVELOPMENT key ") + devSelector + " of keys/dev" : "")
                   << "\n";
     }
     return allMatch ? c_exitSuccess : c_exitNegative;

@@ -714,9 +714,17 @@ private:
             ++m_counts[static_cast<int>(file.outcome)];
         }
         m_directories.insert(directories.begin(), directories.end());
+        // Each holds a descriptor: many are flushed before the end.
+        if (m_directories.size() >= c_mostDirectoriesHeld) {
+            for (const DirectoryFd& directory : m_directories) {
+                syncDirectory(directory->get());
+            }
+            m_directories.clear();
+        }
     }
 
     static constexpr std::chrono::milliseconds c_gathering{5};
+    static constexpr std::size_t c_mostDirectoriesHeld = 64;
     // Files waiting at most: the workers wait beyond it. Each has a temporary
     // file on disk (closed) until its round.
     static constexpr std::size_t c_mostWaiting = 256;
