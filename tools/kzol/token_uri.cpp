@@ -4,7 +4,6 @@
 
 #include <algorithm>
 
-#include "common.h"
 #include "string_utils.h"
 
 namespace kzol {
@@ -65,14 +64,14 @@ bool forEachAttribute(const std::string& part, char separator, const char* where
         const bool decoded = percentDecode(encoded, value, error);
         wipe(encoded);
         if (!decoded) {
-            error = "pkcs11 URI: " + error + " in the value of \"" + printable(name) + "\"";
+            error = "pkcs11 URI: " + error + " in the value of \"" + name + "\"";
             wipe(value);
             return false;
         }
         const bool known = take(name, value);
         wipe(value);
         if (!known) {
-            error = std::string("pkcs11 URI: unknown ") + where + " attribute \"" + printable(name) + "\"";
+            error = std::string("pkcs11 URI: unknown ") + where + " attribute \"" + name + "\"";
             return false;
         }
     }
