@@ -100,8 +100,10 @@ FileOutcome refused(const std::string& message)
     return {Outcome::Failed, c_exitNegative, nullptr, false, {}};
 }
 
-// Set by SIGINT or SIGTERM: no file is started after it.
-volatile std::sig_atomic_t g_interrupt = 0;
+// Set by SIGINT or SIGTERM: no file is started after it. Read by every
+// worker, so atomic (and lock-free, as a signal handler needs).
+std::atomic<int> g_interrupt{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler stores without a lock");
 
 extern "C" void onInterrupt(int signal)
 {
