@@ -909,12 +909,14 @@ int runSign(const SignOptions& options)
     DirectoryCache directories;
     directories.removeLeftovers(options.removeLeftovers);
     int status = c_exitSuccess;
+    int interrupted = 0;
     if (!batch) {
         FileOutcome prepared = prepare(options, key.get(), resume, files.front(), directories);
         if (prepared.outcome == Outcome::Skipped && !prepared.done.empty()) {
             say(std::cerr, "kzol: " + prepared.done);  // quiet in a batch only
         }
-        if (g_interrupt == 0) {
+        interrupted = g_interrupt;
+        if (interrupted == 0) {
             status = commit(std::move(prepared), false).status;
         }
     } else {
@@ -928,19 +930,20 @@ int runSign(const SignOptions& options)
             }
         });
         committer.finish();
+        interrupted = g_interrupt;  // once: a signal after this changes nothing
         const std::size_t failures = committer.count(Outcome::Failed);
-        std::cout << (g_interrupt != 0 ? "interrupted: " : "") << committer.count(Outcome::Signed) << " signed, "
+        std::cout << (interrupted != 0 ? "interrupted: " : "") << committer.count(Outcome::Signed) << " signed, "
                   << committer.count(Outcome::Skipped) << " skipped, " << failures << " failed"
-                  << (g_interrupt != 0 ? ", " + std::to_string(files.size() - started) + " not started" : "")
+                  << (interrupted != 0 ? ", " + std::to_string(files.size() - started) + " not started" : "")
                   << std::endl;
         status = failures == 0 ? c_exitSuccess : c_exitNegative;
     }
     reportLeftovers(directories);
-    if (g_interrupt != 0) {
+    if (interrupted != 0) {
         if (!batch) {
             std::cout << "interrupted: " << files.front() << " left as it was" << std::endl;
         }
-        return 128 + g_interrupt;
+        return 128 + interrupted;
     }
     return status;
 }
