@@ -715,11 +715,13 @@ TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
                   writeFile(tree + "/d/authorized_keys", "nobody's keys\n");
                   writeFile(tree + "/id", "#!/bin/sh\nid\n");
                   writeFile(tree + "/hard", "echo hard\n");
+                  writeFile(tree + "/plain.sh", "echo plain\n");
                   return ::chmod((tree + "/id").c_str(), 04755) == 0 &&
                                  ::setxattr((tree + "/id").c_str(), "user.kzol", "label", 5, 0) == 0 &&
                                  ::link((tree + "/hard").c_str(), (tree + "/hard2").c_str()) == 0 &&
                                  ::symlink(secrets.file("shadow").c_str(), (tree + "/link").c_str()) == 0 &&
-                                 ::symlink(secrets.file("shadow").c_str(), (tree + "/out-link").c_str()) == 0
+                                 ::symlink(secrets.file("shadow").c_str(), (tree + "/out-link").c_str()) == 0 &&
+                                 ::symlink("plain.sh", (tree + "/plain-link").c_str()) == 0
                              ? 0
                              : 1;
               }),
@@ -738,6 +740,7 @@ TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
         {"link at -o to a root-only file", sign + "--force -o out-link id", 2,
          "out-link already exists as a symbolic link; not followed"},
         {"hard-linked file", sign + "hard", 2, "hard has 2 hard links; not replaced"},
+        {"link followed when asked", sign + "--follow-links plain-link", 0, "signed plain-link"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -754,11 +757,13 @@ TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
     EXPECT_EQ(attribute(tree + "/id", "security.kzol"), "label");
     EXPECT_TRUE(readFile(tree + "/id") == signedFile("#!/bin/sh\nid\n", "P50", devPrivateKey('5')));
     EXPECT_EQ(readFile(tree + "/hard"), "echo hard\n");
+    EXPECT_TRUE(fs::is_symlink(tree + "/plain-link"));
+    EXPECT_EQ(readFile(tree + "/plain.sh"), signedFile("echo plain\n", "P50", devPrivateKey('5')));
 
     // The racing writer: first the old way by name loses, then kzol never does.
     const pid_t swapper = startSwapper(tree + "/d", secrets.path());
     int naiveLosses = 0, attempts = 0;
-    for (; attempts < 20000 && naiveLosses == 0; ++attempts) {
+    for (; attempts < 200000 && naiveLosses == 0; ++attempts) {
         signByName(tree + "/d/authorized_keys");
         naiveLosses += readFile(secrets.file("authorized_keys")) != "root's own keys\n";
     }
