@@ -22,7 +22,8 @@ function(kzol_check_public_key selector path out_text)
     message(FATAL_ERROR "KZOL_PUBLIC_KEY_${selector} (${path}): ${len} characters; "
       "a public key must be exactly 445: the BEGIN PUBLIC KEY line, one line of 392 "
       "base64 characters and the END PUBLIC KEY line, each ended by a line feed. "
-      "'kzol keygen' writes keys in this form.")
+      "'kzol keygen' writes keys in this form, and 'kzol pubkey KEY' converts any PEM key "
+      "(such as the output of 'openssl pkey -pubout') or a pkcs11: key to it.")
   endif()
   if(NOT text MATCHES "^-----BEGIN PUBLIC KEY-----\n([A-Za-z0-9+/]+)\n-----END PUBLIC KEY-----\n$")
     message(FATAL_ERROR "KZOL_PUBLIC_KEY_${selector} (${path}): not a PEM public key with a "
@@ -52,16 +53,31 @@ endfunction()
 kzol_check_public_key(5 "${KZOL_PUBLIC_KEY_5}" _kzol_key5)
 kzol_check_public_key(6 "${KZOL_PUBLIC_KEY_6}" _kzol_key6)
 
-file(REAL_PATH "${KZOL_PUBLIC_KEY_5}" _k5)
-file(REAL_PATH "${KZOL_PUBLIC_KEY_6}" _k6)
-file(REAL_PATH "${KZOL_DEV_KEY_DIR}" _kdev)
-set(KZOL_USES_DEV_KEYS OFF)
-foreach(k IN ITEMS "${_k5}" "${_k6}")
-  cmake_path(IS_PREFIX _kdev "${k}" NORMALIZE _is_dev)
-  if(_is_dev)
-    set(KZOL_USES_DEV_KEYS ON)
+# A development key is recognised by its content wherever it lies: a copy
+# outside keys/dev/ is still one. One development key beside a deployment's
+# own (only one of the two options given) fails: the build would accept
+# files signed with a private key that anyone has.
+file(READ "${KZOL_DEV_KEY_DIR}/public_key_5.pem" _kzol_dev5)
+file(READ "${KZOL_DEV_KEY_DIR}/public_key_6.pem" _kzol_dev6)
+set(_kzol_dev_count 0)
+foreach(selector IN ITEMS 5 6)
+  if(_kzol_key${selector} STREQUAL _kzol_dev5 OR _kzol_key${selector} STREQUAL _kzol_dev6)
+    math(EXPR _kzol_dev_count "${_kzol_dev_count} + 1")
+    set(_kzol_dev_name "${selector}")
+  else()
+    set(_kzol_own_name "${selector}")
   endif()
 endforeach()
+if(_kzol_dev_count EQUAL 1)
+  message(FATAL_ERROR "KZOL_PUBLIC_KEY_${_kzol_own_name} is a deployment's own key, but "
+    "KZOL_PUBLIC_KEY_${_kzol_dev_name} (${KZOL_PUBLIC_KEY_${_kzol_dev_name}}) is a development key "
+    "from keys/dev/, whose private half is public: give both keys "
+    "(-DKZOL_PUBLIC_KEY_5=... -DKZOL_PUBLIC_KEY_6=...); 'kzol pubkey' writes one from a private key.")
+endif()
+set(KZOL_USES_DEV_KEYS OFF)
+if(_kzol_dev_count EQUAL 2)
+  set(KZOL_USES_DEV_KEYS ON)
+endif()
 if(KZOL_USES_DEV_KEYS)
   message(WARNING
     "\n"

@@ -1,6 +1,7 @@
 // The pkcs11: URI parser of kzol over arbitrary text. Checked: text without
 // the scheme is refused; a URI that parses is written out again with every
-// byte of every value percent-escaped, and that URI parses to the same parts.
+// byte of every value percent-escaped, and that URI parses to the same parts;
+// the URI as messages show it parses to the same parts, the PIN hidden.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -55,6 +56,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
              "&pin-source=file:" + escaped(uri.pinSource);
     kzol::TokenUri reparsed;
     if (!kzol::parseTokenUri(again, reparsed, error) || !same(uri, reparsed)) {
+        std::abort();
+    }
+    kzol::TokenUri shown;
+    if (!kzol::parseTokenUri(kzol::redactedKeyName(text), shown, error) ||
+        (!uri.pinValue.empty() && shown.pinValue != "(hidden)")) {
+        std::abort();
+    }
+    shown.pinValue = uri.pinValue;
+    if (!same(uri, shown)) {
         std::abort();
     }
     return 0;

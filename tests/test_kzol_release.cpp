@@ -2,11 +2,19 @@
 // (verify --keys, keys), many files in one call, early refusal of the wrong
 // key or type, large files read in pieces, a key in a PKCS#11 token, and the
 // library's log lines held back unless asked for.
+#include <grp.h>
 #include <json/json.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
 #include <map>
 #include <sstream>
 #include <vector>
@@ -163,13 +171,15 @@ TEST_F(KzolRelease, KeysNamesFingerprintsAndTheDevelopmentKeys)
     const std::vector<ToolCase> cases = {
         {"built-in only", "keys", 0, builtIn},
         {"the tree's own keys", "keys --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev"), 0,
-         builtIn + "given key 5: SHA256:" + dev5 + " (matches the built-in key)\ngiven key 6: SHA256:" + dev6 +
-             " (matches the built-in key)\n"},
+         builtIn + "given key 5: SHA256:" + dev5 +
+             " (matches the built-in key), the DEVELOPMENT key 5 of keys/dev\ngiven key 6: SHA256:" + dev6 +
+             " (matches the built-in key), the DEVELOPMENT key 6 of keys/dev\n"},
         {"a deployment's keys", "keys --keys " + shq(s_keys->path()), 1,
          builtIn + "given key 5: SHA256:" + mine5 + " (DIFFERS from the built-in key)\ngiven key 6: SHA256:" + mine6 +
              " (DIFFERS from the built-in key)\n"},
         {"one key given", "keys --pubkey 6=" + shq(devPublicKey('6')), 1,
-         builtIn + "given key 5: none\ngiven key 6: SHA256:" + dev6 + " (matches the built-in key)\n"},
+         builtIn + "given key 5: none\ngiven key 6: SHA256:" + dev6 +
+             " (matches the built-in key), the DEVELOPMENT key 6 of keys/dev\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -211,6 +221,16 @@ TEST_F(KzolRelease, KeyAndTypeCheckedBeforeAnyFileIsTouched)
          "2 signed, 0 skipped, 1 failed"},
         {"list on standard input", "sign" + dev5 + "--key-id 5 --from - < list", 0, true,
          "2 signed, 0 skipped, 0 failed"},
+        {"empty key file", "sign --key empty.pem --key-id 5 a.sh", 2, false,
+         "kzol: empty.pem is empty: --key needs a PEM private key\n"},
+        {"public key as --key", "sign --key " + shq(devPublicKey('5')) + " --key-id 5 a.sh", 2, false,
+         "holds a public key, not an unencrypted PEM private key: --key needs the private key\n"},
+        {"encrypted key off a terminal", "sign --key enc.pem --key-id 5 a.sh < /dev/null", 2, false,
+         "kzol: enc.pem is encrypted: give its passphrase with --pass-file"},
+        {"encrypted key, wrong passphrase", "sign --key enc.pem --pass-file list --key-id 5 a.sh", 2, false,
+         "kzol: enc.pem: wrong passphrase, or not a PEM private key\n"},
+        {"encrypted key with --pass-file", "sign --key enc.pem --pass-file pass --key-id 5 a.sh", 0, true,
+         fingerprint5.c_str()},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -218,6 +238,11 @@ TEST_F(KzolRelease, KeyAndTypeCheckedBeforeAnyFileIsTouched)
         writeFile(work.file("a.sh"), content);
         writeFile(work.file("b.sh"), content);
         writeFile(work.file("list"), "a.sh\n\nb.sh\n");
+        writeFile(work.file("empty.pem"), "");
+        writeFile(work.file("pass"), "open sesame\n");
+        ASSERT_EQ(run("openssl pkey -in " + shq(devPrivateKey('5')) + " -aes256 -passout 'pass:open sesame' -out " +
+                      shq(work.file("enc.pem"))),
+                  0);
         std::string text;
         const std::string command = "cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) + " " + c.args + " 2>&1";
         EXPECT_EQ(run(command, &text), c.status);
@@ -226,15 +251,115 @@ TEST_F(KzolRelease, KeyAndTypeCheckedBeforeAnyFileIsTouched)
     }
 }
 
-TEST_F(KzolRelease, AlreadySignedFilesAreSkippedInABatch)
+// A resumed batch skips, quietly, only a file whose block this key made and
+// that still verifies; a block of another key or a tampered one fails its
+// file unless --force; a file named twice is signed once.
+TEST_F(KzolRelease, ResumeSkipsOnlyWhatThisKeySigned)
 {
-    const TempDir work;
-    writeFile(work.file("new.sh"), "echo new\n");
-    writeFile(work.file("old.sh"), signedFile("echo old\n", "P50", devPrivateKey('5')));
-    std::string text;
-    EXPECT_EQ(kzol("sign --key " + shq(devPrivateKey('5')) + " --key-id 5 new.sh old.sh", &text, work.path(), true), 0);
-    EXPECT_NE(text.find("1 signed, 1 skipped, 0 failed"), std::string::npos) << text;
-    EXPECT_EQ(readFile(work.file("old.sh")), signedFile("echo old\n", "P50", devPrivateKey('5')));
+    struct Case {
+        const char* name;
+        const char* extra;
+        int status;
+        const char* summary;
+        bool othersKept;  // other.sh and tampered.sh left as they were
+    };
+    const std::vector<Case> cases = {
+        {"resume", "", 1, "1 signed, 1 skipped, 2 failed\n", true},
+        {"re-sign with --force", "--force ", 0, "4 signed, 0 skipped, 0 failed\n", false},
+    };
+    const std::string other = signedFile("echo other\n", "P50", devPrivateKey('6'));
+    std::string tampered = signedFile("echo tampered\n", "P50", devPrivateKey('5'));
+    tampered[5] = 'X';
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const TempDir work;
+        writeFile(work.file("new.sh"), "echo new\n");
+        writeFile(work.file("old.sh"), signedFile("echo old\n", "P50", devPrivateKey('5')));
+        writeFile(work.file("other.sh"), other);
+        writeFile(work.file("tampered.sh"), tampered);
+        std::string out, err;
+        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) + " sign " + c.extra + "--key " +
+                          shq(devPrivateKey('5')) +
+                          " --key-id 5 new.sh old.sh other.sh ./new.sh tampered.sh new.sh "
+                          "2>err",
+                      &out),
+                  c.status);
+        err = readFile(work.file("err"));
+        EXPECT_NE(out.find(c.summary), std::string::npos) << out;
+        EXPECT_EQ(readFile(work.file("new.sh")), signedFile("echo new\n", "P50", devPrivateKey('5')));
+        EXPECT_EQ(readFile(work.file("other.sh")) == other, c.othersKept);
+        EXPECT_EQ(readFile(work.file("tampered.sh")) == tampered, c.othersKept);
+        // One line for each file that failed, none for the one skipped.
+        std::size_t lines = 0;
+        for (std::size_t at = err.find("--force to re-sign it\n"); at != std::string::npos;
+             at = err.find("--force to re-sign it\n", at + 1)) {
+            ++lines;
+        }
+        EXPECT_EQ(lines, c.othersKept ? 2U : 0U) << err;
+        EXPECT_EQ(err.find("old.sh"), std::string::npos) << err;
+    }
+}
+
+// SIGINT or SIGTERM in the middle of a batch of thousands: the summary says
+// "interrupted", the status is 128 + the signal, every file is either as it
+// was or signed, and no temporary file stays. Temporary files that a killed
+// run left are named by the next run, and removed when asked.
+TEST_F(KzolRelease, InterruptedBatchLeavesNoTemporaryFile)
+{
+    struct Case {
+        const char* signal;
+        int status;
+    };
+    const std::vector<Case> cases = {{"INT", 130}, {"TERM", 143}};
+    const int count = 2000;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.signal);
+        const TempDir work;
+        std::string list;
+        for (int i = 0; i < count; ++i) {
+            const std::string name = "d" + std::to_string(i % 3) + "/f" + std::to_string(i) + ".sh";
+            writeFile(work.file(name), "echo " + std::to_string(i) + "\n");
+            list += name + "\n";
+        }
+        writeFile(work.file("list"), list);
+        writeFile(work.file("d1/.f1.sh.kzol-AbC123"), "left by a killed run");
+        const std::string sign =
+            shq(KZOL_TOOL) + " sign -j 2 --key " + shq(devPrivateKey('5')) + " --key-id 5 --from list";
+        // The signal comes with the hundredth line; kzol cannot run far
+        // ahead, as its output goes through a pipe read line by line.
+        EXPECT_EQ(run("cd " + shq(work.path()) + " && { sh -c \"" + sign + " 2>err & echo \\$! >pid; wait \\$!; " +
+                      "echo \\$? >status\" | { n=0; while IFS= read -r line; do echo \"$line\" >>out; n=$((n+1)); " +
+                      "[ $n -ne 100 ] || kill -" + c.signal + " $(cat pid); done; }; }; exit $(cat status)"),
+                  c.status);
+        std::string out = readFile(work.file("out"));
+        const std::size_t summary = out.find("interrupted: ");
+        ASSERT_NE(summary, std::string::npos) << out;
+        out = out.substr(summary);
+        const std::string err = readFile(work.file("err"));
+        EXPECT_NE(err.find("left by an earlier run: d1/.f1.sh.kzol-AbC123"), std::string::npos) << err;
+        EXPECT_NE(err.find("--remove-leftovers"), std::string::npos) << err;
+        std::string verified;
+        run("cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) +
+                " verify $(cat list) | sed 's/.*: //' | sort | uniq -c",
+            &verified);
+        const std::size_t signedCount = std::stoul(out.substr(std::string("interrupted: ").size()));
+        EXPECT_GT(signedCount, 0U) << out;
+        EXPECT_LT(signedCount, static_cast<std::size_t>(count)) << out;
+        EXPECT_NE(verified.find(" " + std::to_string(signedCount) + " BS_SIGNATURE_CORRECT"), std::string::npos)
+            << verified;
+        EXPECT_NE(verified.find(" " + std::to_string(count - signedCount) + " BS_NOT_SIGNED"), std::string::npos)
+            << verified;
+        std::string leftovers;
+        run("cd " + shq(work.path()) + " && find . -name '.*.kzol-*' | sort", &leftovers);
+        EXPECT_EQ(leftovers, "./d1/.f1.sh.kzol-AbC123\n");
+        writeFile(work.file("one"), "d1/f1.sh\n");
+        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) + " sign --key " + shq(devPrivateKey('5')) +
+                          " --key-id 5 --from one --remove-leftovers 2>&1",
+                      &out),
+                  0);
+        EXPECT_NE(out.find("removed 1 temporary file(s) left by an earlier run"), std::string::npos) << out;
+        EXPECT_FALSE(fs::exists(work.file("d1/.f1.sh.kzol-AbC123")));
+    }
 }
 
 // A batch gives its files their names in rounds, one flush for each round:
@@ -374,11 +499,14 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
         std::string key;
         std::string extra;
         int status;
-        const char* says;
+        std::string says;
         std::string env = "";
     };
     const std::vector<Case> cases = {
         {"PIN in the URI", uri + "&pin-value=1234", "", 0, "signed a.sh"},
+        {"PIN hidden where the URI is shown", uri + "&pin-value=1234", "--keys " + shq(s_keys->path()), 0,
+         "kzol: warning: pkcs11:token=release;object=key5?module-path=" + std::string(module) +
+             "&pin-value=(hidden) matches neither given public key"},
         {"PIN file, key by id", "pkcs11:token=release;id=%05",
          "--module " + std::string(module) + " --pin-file " + shq(hsm.file("pin")), 0, "signed a.sh"},
         {"PIN from the environment", uri, "", 0, "signed a.sh", "KZOL_PKCS11_PIN=1234 "},
@@ -392,6 +520,7 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
         {"mistyped attribute", "pkcs11:tokn=release?module-path=" + std::string(module), "", 2,
          "unknown path attribute \"tokn\""},
         {"bad escape", "pkcs11:token=rel%4?module-path=" + std::string(module), "", 2, "bad percent-escape"},
+        {"bad escape in the PIN", uri + "&pin-value=1234%4", "", 2, "bad percent-escape in the value of \"pin-value\""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -402,6 +531,9 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
                       &text),
                   c.status);
         EXPECT_NE(text.find(c.says), std::string::npos) << text;
+        // The PIN (right or wrong) never appears in any output.
+        EXPECT_EQ(text.find("1234"), std::string::npos) << text;
+        EXPECT_EQ(text.find("4321"), std::string::npos) << text;
         if (c.status == 0) {
             EXPECT_TRUE(readFile(work.file("a.sh")) == signedFile(content, "P50", devPrivateKey('5')));
             EXPECT_EQ(
@@ -495,4 +627,244 @@ TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
     std::string outsideJson;
     EXPECT_EQ(run(shq(KZOL_TOOL) + " audit --json " + shq(outside.path()), &outsideJson), 0);
     EXPECT_EQ(auditClasses(outsideJson), outside.file("plain.sh") + " outside\n");
+}
+
+namespace {
+
+// Runs `body` in a child process as user and group 65534 (nobody); answers
+// its exit status.
+int asNobody(const std::function<int()>& body)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::_exit(::setgroups(0, nullptr) == 0 && ::setresgid(65534, 65534, 65534) == 0 &&
+                        ::setresuid(65534, 65534, 65534) == 0
+                    ? body()
+                    : 127);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+}
+
+// Swaps the directory `dir` for a symbolic link to `target` and back, as
+// nobody, until killed.
+pid_t startSwapper(const std::string& dir, const std::string& target)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::setresgid(65534, 65534, 65534) != 0 || ::setresuid(65534, 65534, 65534) != 0) {
+            ::_exit(127);
+        }
+        const std::string aside = dir + ".real";
+        for (;;) {
+            ::rename(dir.c_str(), aside.c_str());
+            ::symlink(target.c_str(), dir.c_str());
+            ::unlink(dir.c_str());
+            ::rename(aside.c_str(), dir.c_str());
+        }
+    }
+    return child;
+}
+
+void stopProcess(pid_t child)
+{
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+}
+
+// What the old tool did: the path looked up at each step, the temporary
+// beside the name, the rename by name.
+void signByName(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    const std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string temporary = path.substr(0, path.rfind('/')) + "/.naive-tmp";
+    std::ofstream(temporary, std::ios::binary) << content << "signed";
+    ::rename(temporary.c_str(), path.c_str());
+}
+
+std::string attribute(const std::string& path, const char* name)
+{
+    char value[64];
+    const ssize_t n = ::lgetxattr(path.c_str(), name, value, sizeof(value));
+    return n < 0 ? "none" : std::string(value, static_cast<std::size_t>(n));
+}
+
+}  // namespace
+
+// Root signs a tree that nobody wrote: owners, modes (set-user-ID included)
+// and extended attributes stay, links to root-only files are refused, and a
+// directory swapped for a link while signing runs never lets a write out of
+// the tree, where the old way by name loses.
+TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "needs root";
+    }
+    const TempDir secrets, stage;
+    ::chmod(secrets.path().c_str(), 0700);
+    ::chmod(stage.path().c_str(), 0755);
+    ASSERT_EQ(::chown(stage.path().c_str(), 65534, 65534), 0);
+    writeFile(secrets.file("authorized_keys"), "root's own keys\n");
+    writeFile(secrets.file("shadow"), "root's own secret\n");
+    ::chmod(secrets.file("authorized_keys").c_str(), 0600);
+    ::chmod(secrets.file("shadow").c_str(), 0600);
+    const std::string tree = stage.file("tree");
+    ASSERT_EQ(asNobody([&] {
+                  ::umask(022);
+                  ::mkdir(tree.c_str(), 0755);
+                  ::mkdir((tree + "/d").c_str(), 0755);
+                  writeFile(tree + "/d/authorized_keys", "nobody's keys\n");
+                  writeFile(tree + "/id", "#!/bin/sh\nid\n");
+                  writeFile(tree + "/hard", "echo hard\n");
+                  writeFile(tree + "/plain.sh", "echo plain\n");
+                  return ::chmod((tree + "/id").c_str(), 04755) == 0 &&
+                                 ::setxattr((tree + "/id").c_str(), "user.kzol", "label", 5, 0) == 0 &&
+                                 ::link((tree + "/hard").c_str(), (tree + "/hard2").c_str()) == 0 &&
+                                 ::symlink(secrets.file("shadow").c_str(), (tree + "/link").c_str()) == 0 &&
+                                 ::symlink(secrets.file("shadow").c_str(), (tree + "/out-link").c_str()) == 0 &&
+                                 ::symlink("plain.sh", (tree + "/plain-link").c_str()) == 0
+                             ? 0
+                             : 1;
+              }),
+              0);
+    ASSERT_EQ(::setxattr((tree + "/id").c_str(), "security.kzol", "label", 5, 0), 0);
+    const std::string sign = "sign --key " + shq(devPrivateKey('5')) + " --key-id 5 ";
+    struct Case {
+        const char* name;
+        std::string args;
+        int status;
+        const char* says;
+    };
+    const std::vector<Case> cases = {
+        {"set-user-ID file keeps its owner", sign + "id", 0, "signed id"},
+        {"link at FILE to a root-only file", sign + "link", 2, "link is a symbolic link; not followed"},
+        {"link at -o to a root-only file", sign + "--force -o out-link id", 2,
+         "out-link already exists as a symbolic link; not followed"},
+        {"hard-linked file", sign + "hard", 2, "hard has 2 hard links; not replaced"},
+        {"link followed when asked", sign + "--follow-links plain-link", 0, "signed plain-link"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string text;
+        EXPECT_EQ(run("cd " + shq(tree) + " && " + shq(KZOL_TOOL) + " " + c.args + " 2>&1", &text), c.status);
+        EXPECT_NE(text.find(c.says), std::string::npos) << text;
+    }
+    struct stat st {};
+    ASSERT_EQ(::stat((tree + "/id").c_str(), &st), 0);
+    EXPECT_EQ(st.st_uid, 65534U);
+    EXPECT_EQ(st.st_gid, 65534U);
+    EXPECT_EQ(st.st_mode & 07777, 04755U);
+    EXPECT_EQ(attribute(tree + "/id", "user.kzol"), "label");
+    EXPECT_EQ(attribute(tree + "/id", "security.kzol"), "label");
+    EXPECT_TRUE(readFile(tree + "/id") == signedFile("#!/bin/sh\nid\n", "P50", devPrivateKey('5')));
+    EXPECT_EQ(readFile(tree + "/hard"), "echo hard\n");
+    EXPECT_TRUE(fs::is_symlink(tree + "/plain-link"));
+    EXPECT_EQ(readFile(tree + "/plain.sh"), signedFile("echo plain\n", "P50", devPrivateKey('5')));
+
+    // The racing writer: first the old way by name loses, then kzol never does.
+    const pid_t swapper = startSwapper(tree + "/d", secrets.path());
+    int naiveLosses = 0, attempts = 0;
+    for (; attempts < 200000 && naiveLosses == 0; ++attempts) {
+        signByName(tree + "/d/authorized_keys");
+        naiveLosses += readFile(secrets.file("authorized_keys")) != "root's own keys\n";
+    }
+    writeFile(secrets.file("authorized_keys"), "root's own keys\n");
+    int signedRuns = 0;
+    for (int i = 0; i < 100; ++i) {
+        signedRuns += kzol(sign + "--force " + shq(tree + "/d/authorized_keys"), nullptr, "/") == 0;
+    }
+    stopProcess(swapper);
+    std::cout << "old way lost after " << attempts << " attempt(s); kzol signed " << signedRuns
+              << " of 100 runs, the rest refused\n";
+    EXPECT_GT(naiveLosses, 0);
+    EXPECT_EQ(readFile(secrets.file("authorized_keys")), "root's own keys\n");
+    EXPECT_EQ(readFile(secrets.file("shadow")), "root's own secret\n");
+    for (const auto& entry : fs::directory_iterator(secrets.path())) {
+        EXPECT_EQ(entry.path().filename().string().find(".kzol-"), std::string::npos) << entry.path();
+    }
+}
+
+// kzol pubkey writes the one form the build takes from any PEM key, and the
+// build takes both keys or none: a deployment key beside a development one
+// fails, a development key is known by its content wherever it lies, and
+// the key pubkey writes is what the library is built with.
+TEST_F(KzolRelease, PubkeyFeedsTheBuildWhichTakesBothKeysOrNone)
+{
+    const TempDir work;
+    const std::string mine5 = readFile(key("public_key_5.pem"));
+    ASSERT_EQ(run("openssl pkey -in " + shq(key("private_key_5.pem")) + " -pubout -out " + shq(work.file("spki.pem")) +
+                  " && openssl rsa -in " + shq(key("private_key_5.pem")) + " -RSAPublicKey_out -out " +
+                  shq(work.file("pkcs1.pem")) + " 2>/dev/null && cp " + shq(devPublicKey('6')) + " " +
+                  shq(work.file("copy6.pem"))),
+              0);
+    const std::vector<ToolCase> conversions = {
+        {"private key", "pubkey " + shq(key("private_key_5.pem")), 0, mine5},
+        {"openssl pkey -pubout (451 characters)", "pubkey spki.pem", 0, mine5},
+        {"PKCS#1 public key", "pubkey pkcs1.pem", 0, mine5},
+        {"written to a file", "pubkey -o out.pem spki.pem", 0, ""},
+        {"file exists", "pubkey -o out.pem spki.pem", 1, ""},
+        {"empty key", "pubkey /dev/null", 2, ""},
+    };
+    for (const auto& c : conversions) {
+        SCOPED_TRACE(c.name);
+        std::string text;
+        EXPECT_EQ(kzol(c.args, &text, work.path()), c.status);
+        EXPECT_EQ(text, c.out);
+    }
+    EXPECT_EQ(readFile(work.file("out.pem")), mine5);
+    std::string warned;
+    EXPECT_EQ(run(shq(KZOL_TOOL) + " pubkey " + shq(work.file("copy6.pem")) + " 2>&1 >/dev/null", &warned), 0);
+    EXPECT_NE(warned.find("this is the DEVELOPMENT key 6"), std::string::npos) << warned;
+    // Unreadable to the user who runs kzol: one line that says so.
+    if (::geteuid() == 0) {
+        EXPECT_EQ(asNobody([&] {
+                      return std::system((shq(KZOL_TOOL) + " verify --keys " + shq(s_keys->path()) + " " +
+                                          shq(work.file("spki.pem")) + " 2>&1 | grep -q '^kzol: unreadable key " +
+                                          "directory .*: Permission denied$'")
+                                             .c_str()) == 0
+                                 ? 0
+                                 : 1;
+                  }),
+                  0);
+    }
+
+    ASSERT_EQ(kzol("pubkey -o mine6.pem " + shq(key("private_key_6.pem")), nullptr, work.path()), 0);
+    struct Case {
+        const char* name;
+        std::string keys;
+        int status;
+        const char* says;
+    };
+    const std::string dev5 = " -DKZOL_PUBLIC_KEY_5=" + shq(devPublicKey('5'));
+    const std::vector<Case> cases = {
+        {"only key 5 given", " -DKZOL_PUBLIC_KEY_5=" + shq(work.file("out.pem")), 1,
+         "KZOL_PUBLIC_KEY_6 (" KZOL_SOURCE_DIR "/keys/dev/public_key_6.pem) is a development key"},
+        {"a copy of a development key elsewhere", dev5 + " -DKZOL_PUBLIC_KEY_6=" + shq(work.file("copy6.pem")), 0,
+         "THIS BUILD USES THE DEVELOPMENT KEYS"},
+        {"openssl's own form", dev5 + " -DKZOL_PUBLIC_KEY_6=" + shq(work.file("spki.pem")), 1,
+         "'kzol pubkey KEY' converts any PEM key"},
+        {"both from kzol pubkey",
+         " -DKZOL_PUBLIC_KEY_5=" + shq(work.file("out.pem")) + " -DKZOL_PUBLIC_KEY_6=" + shq(work.file("mine6.pem")), 0,
+         "Generating done"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const TempDir build;
+        std::string text;
+        EXPECT_EQ(run("cmake -S " + shq(KZOL_SOURCE_DIR) + " -B " + shq(build.path()) + c.keys + " 2>&1", &text),
+                  c.status);
+        // CMake wraps its messages: the lines joined again.
+        for (std::size_t at = text.find("\n  "); at != std::string::npos; at = text.find("\n  ", at)) {
+            text.replace(at, 3, " ");
+        }
+        EXPECT_NE(text.find(c.says), std::string::npos) << text;
+        if (c.status == 0 && std::string(c.says) == "Generating done") {
+            EXPECT_EQ(text.find("DEVELOPMENT"), std::string::npos);
+            const std::string header = readFile(build.file("generated/public_keys.h"));
+            std::string line = mine5.substr(27, 392);
+            EXPECT_NE(header.find(line), std::string::npos) << header;
+        }
+    }
 }

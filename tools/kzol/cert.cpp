@@ -33,6 +33,7 @@ struct CertOptions {
     std::string duid;
     std::string output;
     bool force = false;
+    bool followLinks = false;
     TokenOptions token;
 };
 
@@ -67,26 +68,46 @@ int runCert(const CertOptions& options)
     }
 
     // -o may name the stick's directory; the certificate then takes its name.
-    std::string destination = options.output;
+    // Both are reached through directory descriptors, without following
+    // links others could have placed.
+    DirectoryEntry destination;
+    if (!openEntry(options.output, options.followLinks, destination, error)) {
+        return fail(error);
+    }
     struct stat st {};
-    bool exists = ::stat(destination.c_str(), &st) == 0;
+    bool exists = ::fstatat(destination.directory->get(), destination.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
     if (exists && S_ISDIR(st.st_mode)) {
-        destination += (destination.back() == '/' ? "" : "/") + std::string(c_certificateName);
-        exists = ::stat(destination.c_str(), &st) == 0;
+        DirectoryEntry stick;
+        if (!openDirectoryEntry(options.output, stick, error)) {
+            return fail(error);
+        }
+        destination = {stick.directory, c_certificateName,
+                       options.output + (options.output.back() == '/' ? "" : "/") + c_certificateName};
+        exists = ::fstatat(destination.directory->get(), c_certificateName, &st, AT_SYMLINK_NOFOLLOW) == 0;
     }
     if (!exists && errno != ENOENT) {
-        return fail("cannot use " + destination + ": " + errnoText(errno));
+        return fail("cannot use " + destination.shown + ": " + errnoText(errno));
     }
-    if (exists && S_ISDIR(st.st_mode)) {
-        return fail(destination + " is a directory");
+    if (exists && S_ISLNK(st.st_mode)) {
+        return fail(destination.shown + " is a symbolic link; not followed without --follow-links");
+    }
+    if (exists && !S_ISREG(st.st_mode)) {
+        return fail(destination.shown + " is not a regular file");
     }
     if (exists && !options.force) {
-        return fail(c_exitNegative, destination + " exists; use --force to overwrite it");
+        return fail(c_exitNegative, destination.shown + " exists; use --force to overwrite it");
+    }
+    if (exists && st.st_nlink > 1) {
+        return fail(destination.shown + " has " + std::to_string(st.st_nlink) +
+                    " hard links; not replaced (remove it first to write a new certificate)");
     }
 
     SigningKey key;
     if (!key.load(options.key, options.token, error)) {
         return fail(error);
+    }
+    if (const std::string warning = developmentKeyWarning(key.get()); !warning.empty()) {
+        std::cerr << warning << std::endl;
     }
 
     const std::string header = certificateHeader(options.duid);
@@ -103,19 +124,29 @@ int runCert(const CertOptions& options)
         !file.write(certificate, error)) {
         return fail(error);
     }
-    if (!blockReadsBack(file.temporaryPath(), content.size(), c_certificateType, keyId)) {
+    if (!blockReadsBack(file.descriptor(), content.size(), c_certificateType, keyId)) {
         return fail("the library does not read the new block back; nothing written");
+    }
+    if (exists) {
+        // The replaced certificate's owner, mode and extended attributes stay.
+        const UniqueFd old(::openat(destination.directory->get(), destination.name.c_str(),
+                                    O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        struct stat oldStatus {};
+        if (!old || ::fstat(old.get(), &oldStatus) != 0) {
+            return fail("cannot open " + destination.shown + ": " + errnoText(errno));
+        }
+        if (!file.keepAttributesOf(old.get(), oldStatus, error)) {
+            return fail(error);
+        }
     }
     if (!file.commit(exists, error)) {
         return fail(file.destinationExisted() ? c_exitNegative : c_exitError,
-                    file.destinationExisted() ? destination + " exists; use --force to overwrite it" : error);
+                    file.destinationExisted() ? destination.shown + " exists; use --force to overwrite it" : error);
     }
 
-    std::cout << "wrote " << destination << ": disable certificate for device " << options.duid << ", type "
+    std::cout << "wrote " << destination.shown << ": disable certificate for device " << options.duid << ", type "
               << c_certificateType << ", key " << keyId << "\n";
-    const std::size_t slash = destination.find_last_of('/');
-    const std::string name = slash == std::string::npos ? destination : destination.substr(slash + 1);
-    if (name != c_certificateName) {
+    if (destination.name != c_certificateName) {
         std::cerr << "kzol: note: the library looks for " << c_certificateName
                   << " in the root directory of a USB stick\n";
     }
@@ -131,7 +162,9 @@ void addCertCommand(CLI::App& app, int& status)
     cmd->add_option("--key", options->key, "RSA-2048 private key: a PEM file or a pkcs11: URI")->required();
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
     cmd->add_option("--pin-file", options->token.pinFile,
-                    "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
+                    "File holding the token's PIN (else pin-value, KZOL_PKCS11_PIN, or asked for on a terminal)");
+    cmd->add_option("--pass-file", options->token.passFile,
+                    "File whose first line is the passphrase of an encrypted PEM key (else asked for on a terminal)");
     cmd->add_option("--key-id", options->keyId, "Key selector the block names: 5 or 6")
         ->required()
         ->check(CLI::IsMember({"5", "6"}));
@@ -139,7 +172,8 @@ void addCertCommand(CLI::App& app, int& status)
     cmd->add_option("-o,--output", options->output,
                     "Certificate file to write; a directory (a stick's root) gets RTZOLOFF.cer in it")
         ->required();
-    cmd->add_flag("--force", options->force, "Overwrite an existing certificate file");
+    cmd->add_flag("--force", options->force, "Overwrite an existing certificate file (it keeps its owner and mode)");
+    cmd->add_flag("--follow-links", options->followLinks, "Write through a symbolic link at -o instead of refusing it");
     cmd->footer("The signature (RSA PKCS#1 v1.5 over SHA-256, block type P) covers the bytes of the device\n"
                 "identifier exactly, without terminator; the text line before the block is not signed.\n"
                 "With RTZOLOFF.cer at the root of an attached USB stick, that device runs unsigned scripts.\n"

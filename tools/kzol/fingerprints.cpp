@@ -8,6 +8,7 @@
 #include "commands.h"
 #include "common.h"
 #include "keyset.h"
+#include "signing_key.h"
 
 namespace kzol {
 
@@ -56,8 +57,11 @@ int runKeys(const KeysOptions& options)
         }
         const bool same = hex == builtInHex;
         allMatch = allMatch && same;
+        const char devSelector = developmentKeyOfFingerprint(hex);
         std::cout << "given key " << selector << ": SHA256:" << hex
-                  << (same ? " (matches the built-in key)" : " (DIFFERS from the built-in key)") << "\n";
+                  << (same ? " (matches the built-in key)" : " (DIFFERS from the built-in key)")
+                  << (devSelector != 0 ? std::string(", the DEVELOPMENT key ") + devSelector + " of keys/dev" : "")
+                  << "\n";
     }
     return allMatch ? c_exitSuccess : c_exitNegative;
 }

@@ -1,14 +1,17 @@
 // kzol keygen: the two key pairs of a deployment, for key selectors 5 and 6.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <iostream>
 #include <memory>
@@ -17,6 +20,8 @@
 #include "atomic_file.h"
 #include "commands.h"
 #include "common.h"
+#include "signing_key.h"
+#include "token_uri.h"
 #include "writer.h"
 
 namespace kzol {
@@ -118,6 +123,11 @@ bool publicKeyPem(EVP_PKEY* key, ByteBuffer& pem, std::string& error)
     return true;
 }
 
+std::string baseName(const std::string& path)
+{
+    return path.substr(path.find_last_of('/') + 1);
+}
+
 int runKeygen(const KeygenOptions& options)
 {
     std::string dir = options.directory;
@@ -128,7 +138,11 @@ int runKeygen(const KeygenOptions& options)
     if (!makeDirectories(dir, c_keyDirectoryMode, error)) {
         return fail(error);
     }
-    dir = resolvedPath(dir);
+    DirectoryEntry directory;
+    if (!openDirectoryEntry(dir, directory, error)) {
+        return fail(error);
+    }
+    dir = resolvedPath(dir);  // for the lines that name the files
 
     std::vector<std::unique_ptr<KeyPairFiles>> pairs;
     for (char selector : {'5', '6'}) {
@@ -145,7 +159,7 @@ int runKeygen(const KeygenOptions& options)
         for (const auto& pair : pairs) {
             for (const std::string* path : {&pair->privatePath, &pair->publicPath}) {
                 struct stat st {};
-                if (::lstat(path->c_str(), &st) == 0) {
+                if (::fstatat(directory.directory->get(), baseName(*path).c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
                     existing.push_back(*path);
                 }
             }
@@ -180,9 +194,10 @@ int runKeygen(const KeygenOptions& options)
         outputs.push_back({&pair->publicPath, &pair->publicPem, c_publicKeyMode});
     }
     for (std::size_t i = 0; i < outputs.size(); ++i) {
-        if (!writeFileAtomic(*outputs[i].path, *outputs[i].bytes, outputs[i].mode, options.force, error)) {
+        const DirectoryEntry file{directory.directory, baseName(*outputs[i].path), *outputs[i].path};
+        if (!writeFileAtomic(file, *outputs[i].bytes, outputs[i].mode, options.force, error)) {
             for (std::size_t k = 0; k < i && !options.force; ++k) {
-                ::unlink(outputs[k].path->c_str());
+                ::unlinkat(directory.directory->get(), baseName(*outputs[k].path).c_str(), 0);
             }
             return fail(error);
         }
@@ -199,10 +214,112 @@ int runKeygen(const KeygenOptions& options)
     return c_exitSuccess;
 }
 
+struct PubkeyOptions {
+    std::string key;
+    std::string output;
+    bool force = false;
+    TokenOptions token;
+};
+
+// A public key file in any PEM form (SubjectPublicKeyInfo or PKCS#1), as
+// `openssl pkey -pubout` and `openssl rsa -RSAPublicKey_out` write them.
+bool loadPublicPem(const std::string& path, EvpPkeyPtr& key, std::string& error)
+{
+    ByteBuffer text;
+    if (!readFileBytes(path, text, error, 1 << 20)) {
+        return false;
+    }
+    BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+    key.reset(bio ? PEM_read_bio_PUBKEY(bio.get(), nullptr, nullptr, nullptr) : nullptr);
+    if (!key && bio) {
+        BioPtr again(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+        RSA* rsa = again ? PEM_read_bio_RSAPublicKey(again.get(), nullptr, nullptr, nullptr) : nullptr;
+        if (rsa != nullptr) {
+            key.reset(EVP_PKEY_new());
+            if (!key || EVP_PKEY_assign_RSA(key.get(), rsa) != 1) {
+                RSA_free(rsa);
+                key.reset();
+            }
+        }
+    }
+    ERR_clear_error();
+    if (!key) {
+        error = path + ": not a PEM public key";
+        return false;
+    }
+    if (EVP_PKEY_base_id(key.get()) != EVP_PKEY_RSA || EVP_PKEY_bits(key.get()) != c_signingKeyBits) {
+        error = path + ": not an RSA-2048 key";
+        return false;
+    }
+    return true;
+}
+
+int runPubkey(const PubkeyOptions& options)
+{
+    std::string error;
+    EvpPkeyPtr publicKey;
+    SigningKey signingKey;
+    EVP_PKEY* key = nullptr;
+    // A private key's text is read as a secret: wiped after the look.
+    SecretBytes text;
+    bool isPublic = false;
+    if (!isTokenUri(options.key) && readSecretFile(options.key, text, 1 << 20, error)) {
+        const char marker[] = "PUBLIC KEY-----";
+        isPublic = std::search(text.data(), text.data() + text.size(), marker, marker + sizeof(marker) - 1) !=
+                   text.data() + text.size();
+    }
+    text.clear();
+    if (isPublic) {
+        if (!loadPublicPem(options.key, publicKey, error)) {
+            return fail(error);
+        }
+        key = publicKey.get();
+    } else {
+        if (!signingKey.load(options.key, options.token, error)) {
+            return fail(error);
+        }
+        key = signingKey.get();
+    }
+    ByteBuffer pem;
+    if (!publicKeyPem(key, pem, error)) {
+        return fail(error);
+    }
+    if (const char development = developmentKeyOf(key); development != 0) {
+        std::cerr << "kzol: warning: this is the DEVELOPMENT key " << development
+                  << " of the source tree (keys/dev): never build a release with it" << std::endl;
+    }
+    if (options.output.empty()) {
+        std::cout.write(reinterpret_cast<const char*>(pem.data()), static_cast<std::streamsize>(pem.size()));
+        std::cout.flush();
+        return std::cout ? c_exitSuccess : fail("cannot write the public key");
+    }
+    if (!writeFileAtomic(options.output, pem, c_publicKeyMode, options.force, error)) {
+        return fail(error.find("already exists") != std::string::npos ? c_exitNegative : c_exitError,
+                    error + (error.find("already exists") != std::string::npos ? "; use --force to replace it" : ""));
+    }
+    std::cerr << "wrote " << options.output << ": build with -DKZOL_PUBLIC_KEY_N=" << options.output << std::endl;
+    return c_exitSuccess;
+}
+
 }  // namespace
 
 void addKeygenCommand(CLI::App& app, int& status)
 {
+    auto pubkey = std::make_shared<PubkeyOptions>();
+    CLI::App* pub = app.add_subcommand("pubkey", "Write a public key in the form the library's build takes");
+    pub->add_option("KEY", pubkey->key, "A PEM private or public key, or a pkcs11: URI")->required();
+    pub->add_option("-o,--output", pubkey->output, "File to write (default: standard output)");
+    pub->add_flag("--force", pubkey->force, "Replace an existing output file");
+    pub->add_option("--module", pubkey->token.module, "PKCS#11 module for a pkcs11: key without module-path");
+    pub->add_option("--pin-file", pubkey->token.pinFile, "File holding the token's PIN");
+    pub->add_option("--pass-file", pubkey->token.passFile, "File whose first line is the PEM key's passphrase");
+    pub->footer("The output is the RSA-2048 SubjectPublicKeyInfo as one line of 392 base64 characters between\n"
+                "the BEGIN and END lines, 445 characters in all: pass it as -DKZOL_PUBLIC_KEY_5=FILE or\n"
+                "-DKZOL_PUBLIC_KEY_6=FILE. Any PEM public key (openssl pkey -pubout, openssl rsa\n"
+                "-RSAPublicKey_out) or private key converts. Exit status: 0 written; 1 the output exists;\n"
+                "2 unreadable key or bad usage.\n");
+    pub->callback([pubkey, &status]() { status = runPubkey(*pubkey); });
+
     auto options = std::make_shared<KeygenOptions>();
     CLI::App* cmd = app.add_subcommand("keygen", "Create the RSA-2048 key pairs for key selectors 5 and 6");
     cmd->add_option("DIR", options->directory, "Directory for the key files (created if needed)")->required();

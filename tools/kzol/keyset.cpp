@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include "bs_context.h"
@@ -74,13 +75,21 @@ bool loadKeySet(const std::string& directory, const std::vector<std::string>& ov
     keys = KeySet{};
     if (!directory.empty()) {
         struct stat st {};
-        if (::stat(directory.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        if (::stat(directory.c_str(), &st) != 0 && errno != ENOENT && errno != ENOTDIR) {
+            error = "unreadable key directory " + directory + ": " + errnoText(errno);
+            return false;
+        }
+        if (!S_ISDIR(st.st_mode)) {
             error = directory + " is not a directory of keys";
             return false;
         }
         for (const char selector : {'5', '6'}) {
             const std::string path = directory + "/public_key_" + selector + ".pem";
             if (::access(path.c_str(), F_OK) != 0) {
+                if (errno != ENOENT) {
+                    error = "unreadable key directory " + directory + ": " + errnoText(errno);
+                    return false;
+                }
                 continue;
             }
             if (!readKeyFile(path, selector == '5' ? keys.pem5 : keys.pem6, error)) {

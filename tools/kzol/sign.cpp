@@ -2,22 +2,27 @@
 // have. Each file is read once, in bounded memory, hashed as it is copied to
 // a temporary file beside it, and takes its name only once the library reads
 // the new block back. Many files are signed by several workers at once.
+#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <cstdint>
 #include <deque>
 #include <fstream>
 #include <iostream>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -32,6 +37,7 @@
 #include "progress.h"
 #include "signature.h"
 #include "signing_key.h"
+#include "verify_context.h"
 #include "writer.h"
 
 namespace kzol {
@@ -48,6 +54,8 @@ struct SignOptions {
     std::string from;
     std::string output;
     bool force = false;
+    bool followLinks = false;
+    bool removeLeftovers = false;
     unsigned int jobs = 0;  // 0: one per processor
     std::string keyDirectory;
     std::vector<std::string> publicKeys;
@@ -84,6 +92,23 @@ FileOutcome skipped(const std::string& message)
 {
     say(std::cerr, "kzol: " + message);
     return {Outcome::Skipped, c_exitNegative, nullptr, false, {}};
+}
+
+// A file that carries a block this run will not replace without --force.
+FileOutcome refused(const std::string& message)
+{
+    say(std::cerr, "kzol: " + message);
+    return {Outcome::Failed, c_exitNegative, nullptr, false, {}};
+}
+
+// Set by SIGINT or SIGTERM: no file is started after it. Read by every
+// worker, so atomic (and lock-free, as a signal handler needs).
+std::atomic<int> g_interrupt{0};
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler stores without a lock");
+
+extern "C" void onInterrupt(int signal)
+{
+    g_interrupt = signal;
 }
 
 // Pieces of a large file between the thread that reads and hashes them and
@@ -264,18 +289,175 @@ bool copyHashing(int fd, std::uint64_t length, bool toEnd, std::uint64_t expecte
     return behind.finish(error);
 }
 
+// The directories of a batch, each opened once and shared by the files in
+// it while any of them is in flight: every file of a directory is written
+// through the one descriptor, and a batch holds few.
+class DirectoryCache {
+public:
+    bool open(const std::string& path, bool followLast, DirectoryEntry& entry, std::string& error)
+    {
+        const std::string key = directoryOf(path);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            const auto found = m_open.find(key);
+            DirectoryFd directory = found == m_open.end() ? nullptr : found->second.lock();
+            const std::size_t slash = path.find_last_of('/');
+            const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+            if (directory && name != "." && name != ".." && !name.empty()) {
+                struct stat status {};
+                // A link as the last component is walked from the start.
+                if (::fstatat(directory->get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+                    !S_ISLNK(status.st_mode) || !followLast) {
+                    entry = {directory, name, path};
+                    return true;
+                }
+            }
+        }
+        if (!openEntry(path, followLast, entry, error)) {
+            return false;
+        }
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!entry.throughLink) {
+            m_open[key] = entry.directory;
+        }
+        // Before any temporary file of this run is made in it, a directory
+        // is searched once for those that an earlier run left.
+        struct stat status {};
+        if (::fstat(entry.directory->get(), &status) == 0 && m_searched.insert({status.st_dev, status.st_ino}).second) {
+            findLeftovers(entry.directory->get(), directoryOf(path));
+        }
+        return true;
+    }
+
+    // Temporary files of earlier runs, as "DIR/NAME" (removed when asked).
+    const std::vector<std::string>& leftovers() const { return m_leftovers; }
+    std::size_t removed() const { return m_removed; }
+    void removeLeftovers(bool remove) { m_remove = remove; }
+
+private:
+    // A name as the writer makes its temporary files: ".NAME.kzol-XXXXXX".
+    static bool isTemporaryName(const std::string& name)
+    {
+        const std::size_t infix = name.rfind(c_temporaryInfix);
+        return name.size() > 1 && name[0] == '.' && infix != std::string::npos && infix > 1 &&
+               name.size() == infix + std::string(c_temporaryInfix).size() + 6;
+    }
+
+    void findLeftovers(int directory, const std::string& shown)
+    {
+        const int copy = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        DIR* listing = copy < 0 ? nullptr : ::fdopendir(copy);
+        if (listing == nullptr) {
+            if (copy >= 0) {
+                ::close(copy);
+            }
+            return;
+        }
+        for (const dirent* item = ::readdir(listing); item != nullptr; item = ::readdir(listing)) {
+            const std::string name = item->d_name;
+            struct stat status {};
+            if (!isTemporaryName(name) || ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+                !S_ISREG(status.st_mode)) {
+                continue;
+            }
+            if (m_remove && ::unlinkat(directory, name.c_str(), 0) == 0) {
+                ++m_removed;
+            } else {
+                m_leftovers.push_back(shown + "/" + name);
+            }
+        }
+        ::closedir(listing);
+    }
+
+    std::mutex m_mutex;
+    std::map<std::string, std::weak_ptr<const UniqueFd>> m_open;
+    std::set<std::pair<dev_t, ino_t>> m_searched;
+    std::vector<std::string> m_leftovers;
+    std::size_t m_removed = 0;
+    bool m_remove = false;
+};
+
+// The signing key's public half, against which an existing block is checked.
+struct ResumeCheck {
+    std::string publicPem;
+};
+
+// Whether the block `block` of the open file `fd` verifies under `publicPem`:
+// the signed region is read in pieces, as the library reads it.
+bool blockVerifies(int fd, const Signature& block, const std::string& publicPem)
+{
+    VerifyContext context;
+    if (!context.loadPublicKey(publicPem) || !context.init()) {
+        return false;
+    }
+    std::vector<unsigned char> piece(c_copyChunk);
+    for (std::uint64_t at = 0; at < block.offset();) {
+        const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), block.offset() - at));
+        const ssize_t n = ::pread(fd, piece.data(), want, static_cast<off_t>(at));
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        if (!context.update(piece.data(), static_cast<unsigned int>(n))) {
+            return false;
+        }
+        at += static_cast<std::uint64_t>(n);
+    }
+    bool verified = false;
+    return context.checkMPI(block, verified) && verified;
+}
+
+// The mode of a new file made from one with `status`: a set-user-ID or
+// set-group-ID bit only where the new file keeps that owner or group.
+mode_t newFileMode(const struct stat& status)
+{
+    mode_t mode = status.st_mode & 07777;
+    if (status.st_uid != ::geteuid()) {
+        mode &= ~static_cast<mode_t>(S_ISUID);
+    }
+    if (status.st_gid != ::getegid()) {
+        mode &= ~static_cast<mode_t>(S_ISGID);
+    }
+    return mode;
+}
+
+// Opens the regular file `entry` names, never through a symbolic link.
+bool openRegular(const DirectoryEntry& entry, UniqueFd& fd, struct stat& status, std::string& error)
+{
+    fd.reset(::openat(entry.directory->get(), entry.name.c_str(),
+                      O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!fd) {
+        error = errno == ELOOP ? entry.shown + " is a symbolic link; not followed without --follow-links"
+                               : "cannot open " + entry.shown + ": " + errnoText(errno);
+        return false;
+    }
+    if (::fstat(fd.get(), &status) != 0) {
+        error = "cannot read the status of " + entry.shown + ": " + errnoText(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = entry.shown + " is not a regular file";
+        return false;
+    }
+    return true;
+}
+
 // Signs `file` into a temporary file beside its destination; the outcome
-// carries the writer that commit() finishes with.
-FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string& file)
+// carries the writer that commit() finishes with. Every step acts on the
+// directory and the file opened once.
+FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const ResumeCheck& resume, const std::string& file,
+                    DirectoryCache& directories)
 {
     const char type = options.type[0];
     const char keyId = options.keyId[0];
+    std::string error;
+    DirectoryEntry source;
+    UniqueFd fd;
     struct stat input {};
-    if (::stat(file.c_str(), &input) != 0) {
-        return failed("cannot open " + file + ": " + errnoText(errno));
-    }
-    if (!S_ISREG(input.st_mode)) {
-        return failed(file + " is not a regular file");
+    if (!directories.open(file, options.followLinks, source, error) || !openRegular(source, fd, input, error)) {
+        return failed(error);
     }
     if (static_cast<std::uint64_t>(input.st_size) >= std::numeric_limits<std::uint32_t>::max()) {
         return failed(file + " is too large: block positions are 32-bit");
@@ -288,10 +470,24 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
     _ZolSigMeta existingMeta{};
     bool replacing = false;
     std::uint64_t contentLength = 0;
-    if (existing.loadFromFile(file, existingMeta)) {
+    if (loadBlock(fd.get(), existing, existingMeta)) {
+        // Without --force, a file is left alone only when its block is this
+        // key's and verifies: a block of another key, a broken or tampered one
+        // fails the file.
         if (!options.force) {
-            return skipped(file + " already carries a signature block (type " + printable(existingMeta.sigType) +
-                           ", key " + printable(existingMeta.keyId) + "); use --force to replace it");
+            const std::string block =
+                " (type " + printable(existingMeta.sigType) + ", key " + printable(existingMeta.keyId) + ")";
+            if (!blockVerifies(fd.get(), existing, resume.publicPem)) {
+                return refused(file + " carries a block" + block +
+                               " that does not verify under the signing key: signed with another key, or "
+                               "changed since; use --force to re-sign it");
+            }
+            if (existingMeta.sigType != type || existingMeta.keyId != keyId) {
+                return refused(file + " carries a block of this key" + block + " that differs from type " + type +
+                               ", key " + keyId + "; use --force to re-sign it");
+            }
+            return {Outcome::Skipped, c_exitNegative, nullptr, false,
+                    file + " already carries a block of this key that verifies; nothing to do"};
         }
         if (existing.offset() < c_metaFieldSize + 1) {
             return failed(file + " has a block but no content before it");
@@ -300,15 +496,22 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
         replacing = true;
     }
 
-    // Where the result goes. In place, a symbolic link is followed so that the
-    // file it names is replaced, not the link.
-    std::string destination;
+    // Where the result goes, and the file it replaces (if any), whose owner,
+    // mode and extended attributes the result keeps.
+    DirectoryEntry destination = source;
+    UniqueFd replacedFd;
+    struct stat replaced = input;
     bool destinationExists = true;
-    if (options.output.empty()) {
-        destination = resolvedPath(file);
-    } else {
+    if (!options.output.empty()) {
+        if (!directories.open(options.output, options.followLinks, destination, error)) {
+            return failed(error);
+        }
         struct stat out {};
-        if (::stat(options.output.c_str(), &out) == 0) {
+        if (::fstatat(destination.directory->get(), destination.name.c_str(), &out, AT_SYMLINK_NOFOLLOW) == 0) {
+            if (S_ISLNK(out.st_mode)) {
+                return failed(options.output +
+                              " already exists as a symbolic link; not followed without --follow-links");
+            }
             if (S_ISDIR(out.st_mode)) {
                 return failed(options.output + " is a directory");
             }
@@ -316,23 +519,25 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
             if (!sameFile && !options.force) {
                 return skipped(options.output + " exists; use --force to overwrite it");
             }
-            destination = resolvedPath(options.output);
+            if (!openRegular(destination, replacedFd, replaced, error)) {
+                return failed(error);
+            }
         } else if (errno == ENOENT) {
-            destination = options.output;
             destinationExists = false;
         } else {
             return failed("cannot use " + options.output + ": " + errnoText(errno));
         }
     }
-
-    const UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) {
-        return failed("cannot open " + file + ": " + errnoText(errno));
+    const int replacedDescriptor = replacedFd ? replacedFd.get() : fd.get();
+    if (destinationExists && replaced.st_nlink > 1 && !options.force) {
+        return failed(destination.shown + " has " + std::to_string(replaced.st_nlink) +
+                      " hard links; not replaced (--force replaces this name only: its other links keep the old "
+                      "content)");
     }
-    std::string error;
+
     auto writerOwner = std::make_unique<AtomicFileWriter>();
     AtomicFileWriter& writer = *writerOwner;
-    if (!writer.begin(destination, input.st_mode & 07777, error)) {
+    if (!writer.begin(destination, newFileMode(input), error)) {
         return failed(error);
     }
     const EvpMdCtxPtr digest(EVP_MD_CTX_new());
@@ -365,10 +570,11 @@ FileOutcome prepare(const SignOptions& options, EVP_PKEY* key, const std::string
     }
     // The library's reader must find exactly the new block before the file
     // takes the destination's name.
-    if (!blockReadsBack(writer.temporaryPath(), static_cast<std::size_t>(copied), type, keyId)) {
-        return failed("the library does not read the new block back; " + destination + " left as it was");
+    if (!blockReadsBack(writer.descriptor(), static_cast<std::size_t>(copied), type, keyId)) {
+        return failed("the library does not read the new block back; " + destination.shown + " left as it was");
     }
-    if (!writer.finishWriting(error)) {
+    if ((destinationExists && !writer.keepAttributesOf(replacedDescriptor, replaced, error)) ||
+        !writer.finishWriting(error)) {
         return failed(error);
     }
     return {Outcome::Signed, c_exitSuccess, std::move(writerOwner), destinationExists,
@@ -397,7 +603,7 @@ FileOutcome commit(FileOutcome prepared, bool flushed)
 // are on, then gives them their names; the directories where names changed
 // are added to `directories`, for the caller to flush. Whatever fails stays
 // as it was.
-void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& directories)
+void commitTogether(std::vector<FileOutcome>& prepared, std::set<DirectoryFd>& directories)
 {
     std::vector<dev_t> flushedDevices;
     std::string flushError;
@@ -405,14 +611,14 @@ void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& d
         if (!file.writer || !flushError.empty()) {
             continue;
         }
-        const std::string directory = directoryOf(file.writer->temporaryPath());
-        const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const int fd = file.writer->directory()->get();
         struct stat status {};
-        if (!fd || ::fstat(fd.get(), &status) != 0) {
-            flushError = "cannot open " + directory + ": " + errnoText(errno);
+        if (::fstat(fd, &status) != 0) {
+            flushError =
+                "cannot read the status of the directory of " + file.writer->destination() + ": " + errnoText(errno);
         } else if (std::find(flushedDevices.begin(), flushedDevices.end(), status.st_dev) == flushedDevices.end()) {
-            if (::syncfs(fd.get()) != 0) {
-                flushError = "cannot flush the file system of " + directory + ": " + errnoText(errno);
+            if (::syncfs(fd) != 0) {
+                flushError = "cannot flush the file system of " + file.writer->destination() + ": " + errnoText(errno);
             }
             flushedDevices.push_back(status.st_dev);
         }
@@ -422,7 +628,7 @@ void commitTogether(std::vector<FileOutcome>& prepared, std::set<std::string>& d
             file = failed(flushError + "; " + file.writer->destination() + " left as it was");
             continue;
         }
-        const std::string directory = file.writer ? directoryOf(file.writer->destination()) : std::string();
+        const DirectoryFd directory = file.writer ? file.writer->directory() : nullptr;
         file = commit(std::move(file), true);
         if (file.outcome == Outcome::Signed) {
             directories.insert(directory);
@@ -455,7 +661,7 @@ public:
         if (!m_thread.joinable()) {
             std::vector<FileOutcome> one;
             one.push_back(std::move(prepared));
-            std::set<std::string> directories;
+            std::set<DirectoryFd> directories;
             commitTogether(one, directories);
             const std::lock_guard<std::mutex> lock(m_mutex);  // workers add at once
             record(one, directories);
@@ -473,8 +679,8 @@ public:
     void finish()
     {
         endThread(m_thread, m_mutex, m_changed, m_done);
-        for (const std::string& directory : m_directories) {
-            syncDirectory(directory);
+        for (const DirectoryFd& directory : m_directories) {
+            syncDirectory(directory->get());
         }
         m_directories.clear();
     }
@@ -499,21 +705,29 @@ private:
                 round.swap(m_waiting);
             }
             m_changed.notify_all();
-            std::set<std::string> directories;
+            std::set<DirectoryFd> directories;
             commitTogether(round, directories);
             record(round, directories);
         }
     }
 
-    void record(const std::vector<FileOutcome>& files, const std::set<std::string>& directories)
+    void record(const std::vector<FileOutcome>& files, const std::set<DirectoryFd>& directories)
     {
         for (const FileOutcome& file : files) {
             ++m_counts[static_cast<int>(file.outcome)];
         }
         m_directories.insert(directories.begin(), directories.end());
+        // Each holds a descriptor: many are flushed before the end.
+        if (m_directories.size() >= c_mostDirectoriesHeld) {
+            for (const DirectoryFd& directory : m_directories) {
+                syncDirectory(directory->get());
+            }
+            m_directories.clear();
+        }
     }
 
     static constexpr std::chrono::milliseconds c_gathering{5};
+    static constexpr std::size_t c_mostDirectoriesHeld = 64;
     // Files waiting at most: the workers wait beyond it. Each has a temporary
     // file on disk (closed) until its round.
     static constexpr std::size_t c_mostWaiting = 256;
@@ -523,7 +737,7 @@ private:
     bool m_done = false;
     // By the committing thread, or by add() (locked) when there is none.
     std::size_t m_counts[3] = {0, 0, 0};
-    std::set<std::string> m_directories;  // names changed here: flushed once, at the end
+    std::set<DirectoryFd> m_directories;  // names changed here: flushed once, at the end
     std::thread m_thread;
 };
 
@@ -555,12 +769,16 @@ int checkKey(const SignOptions& options, EVP_PKEY* key)
         return fail(error);
     }
     std::cout << "signing key: SHA256:" << fingerprintHex << "\n";
+    if (const std::string warning = developmentKeyWarning(key); !warning.empty()) {
+        std::cout << std::flush;
+        std::cerr << warning << std::endl;
+    }
     if (fingerprintHex == theirs) {
-        return fail(options.key + " is the private half of the " + source + " key " + other + ", not of key " +
-                    selector + ": its signatures would never verify; use --key-id " + other);
+        return fail(redactedKeyName(options.key) + " is the private half of the " + source + " key " + other +
+                    ", not of key " + selector + ": its signatures would never verify; use --key-id " + other);
     }
     if (fingerprintHex != mine) {
-        std::cerr << "kzol: warning: " << options.key << " matches neither " << source
+        std::cerr << "kzol: warning: " << redactedKeyName(options.key) << " matches neither " << source
                   << " public key; its signatures verify only where its public half is built in as key " << selector
                   << std::endl;
     }
@@ -594,6 +812,59 @@ bool readList(const std::string& from, std::vector<std::string>& files, std::str
     return true;
 }
 
+// The public half of `key` as PEM text.
+bool publicHalfPem(EVP_PKEY* key, std::string& pem, std::string& error)
+{
+    const BioPtr bio(BIO_new(BIO_s_mem()));
+    char* text = nullptr;
+    long length = 0;
+    if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1 || (length = BIO_get_mem_data(bio.get(), &text)) <= 0) {
+        error = withOpensslErrors("cannot encode the signing key's public half");
+        return false;
+    }
+    pem.assign(text, static_cast<std::size_t>(length));
+    return true;
+}
+
+// Each file once, in the order first named: the same file under two names
+// (by device and inode, or by name when it cannot be looked up) is signed once.
+void removeDuplicates(std::vector<std::string>& files)
+{
+    std::set<std::pair<dev_t, ino_t>> seenFiles;
+    std::set<std::string> seenNames;
+    std::vector<std::string> unique;
+    for (std::string& file : files) {
+        struct stat status {};
+        const bool fresh = ::stat(file.c_str(), &status) == 0 ? seenFiles.insert({status.st_dev, status.st_ino}).second
+                                                              : seenNames.insert(file).second;
+        if (fresh) {
+            unique.push_back(std::move(file));
+        }
+    }
+    files.swap(unique);
+}
+
+// Lists the temporary files that an earlier run left (after SIGKILL or a
+// crash), a few by name, and how to remove them.
+void reportLeftovers(const DirectoryCache& directories)
+{
+    if (directories.removed() != 0) {
+        std::cerr << "kzol: removed " << directories.removed() << " temporary file(s) left by an earlier run"
+                  << std::endl;
+    }
+    const std::vector<std::string>& left = directories.leftovers();
+    if (left.empty()) {
+        return;
+    }
+    constexpr std::size_t c_named = 5;
+    for (std::size_t i = 0; i < left.size() && i < c_named; ++i) {
+        std::cerr << "kzol: left by an earlier run: " << left[i] << std::endl;
+    }
+    std::cerr << "kzol: " << left.size() << " temporary file(s) left by an earlier, interrupted run"
+              << (left.size() > c_named ? " (" + std::to_string(left.size() - c_named) + " not named)" : "")
+              << "; run again with --remove-leftovers to remove them" << std::endl;
+}
+
 int runSign(const SignOptions& options)
 {
     if (options.type != "P" && !options.force) {
@@ -620,23 +891,65 @@ int runSign(const SignOptions& options)
     if (const int status = checkKey(options, key.get()); status != c_exitSuccess) {
         return status;
     }
-    if (!batch) {
-        return commit(prepare(options, key.get(), files.front()), false).status;
+    ResumeCheck resume;
+    if (!publicHalfPem(key.get(), resume.publicPem, error)) {
+        return fail(error);
     }
+    removeDuplicates(files);
 
-    const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
-    Committer committer;
-    Progress progress(files.size(), ::isatty(STDOUT_FILENO) != 1);  // not over the lines of the signed files
-    forEachInParallel(files.size(), jobs, [&](std::size_t i) {
-        committer.add(prepare(options, key.get(), files[i]));
-        progress.advance();
-    });
-    progress.finish();
-    committer.finish();
-    const std::size_t failures = committer.count(Outcome::Failed);
-    std::cout << committer.count(Outcome::Signed) << " signed, " << committer.count(Outcome::Skipped) << " skipped, "
-              << failures << " failed" << std::endl;
-    return failures == 0 ? c_exitSuccess : c_exitNegative;
+    // SIGINT and SIGTERM end the batch between files: those in flight are
+    // finished, no other is started, no temporary file stays. A second one
+    // ends the process at once.
+    struct sigaction action {};
+    action.sa_handler = onInterrupt;
+    action.sa_flags = SA_RESTART | SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
+
+    DirectoryCache directories;
+    directories.removeLeftovers(options.removeLeftovers);
+    int status = c_exitSuccess;
+    int interrupted = 0;
+    if (!batch) {
+        FileOutcome prepared = prepare(options, key.get(), resume, files.front(), directories);
+        if (prepared.outcome == Outcome::Skipped && !prepared.done.empty()) {
+            say(std::cerr, "kzol: " + prepared.done);  // quiet in a batch only
+        }
+        interrupted = g_interrupt;
+        if (interrupted == 0) {
+            status = commit(std::move(prepared), false).status;
+        }
+    } else {
+        const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
+        Committer committer;
+        std::atomic<std::size_t> started{0};
+        Progress progress(files.size(), ::isatty(STDOUT_FILENO) != 1);  // not over the lines of the signed files
+        forEachInParallel(files.size(), jobs, [&](std::size_t i) {
+            if (g_interrupt == 0) {
+                ++started;
+                committer.add(prepare(options, key.get(), resume, files[i], directories));
+                progress.advance();
+            }
+        });
+        progress.finish();
+        committer.finish();
+        interrupted = g_interrupt;  // once: a signal after this changes nothing
+        const std::size_t failures = committer.count(Outcome::Failed);
+        std::cout << (interrupted != 0 ? "interrupted: " : "") << committer.count(Outcome::Signed) << " signed, "
+                  << committer.count(Outcome::Skipped) << " skipped, " << failures << " failed"
+                  << (interrupted != 0 ? ", " + std::to_string(files.size() - started) + " not started" : "")
+                  << std::endl;
+        status = failures == 0 ? c_exitSuccess : c_exitNegative;
+    }
+    reportLeftovers(directories);
+    if (interrupted != 0) {
+        if (!batch) {
+            std::cout << "interrupted: " << files.front() << " left as it was" << std::endl;
+        }
+        return 128 + interrupted;
+    }
+    return status;
 }
 
 }  // namespace
@@ -657,6 +970,11 @@ void addSignCommand(CLI::App& app, int& status)
     cmd->add_option("-o,--output", options->output, "Write the signed file here instead of replacing FILE (one FILE)");
     cmd->add_flag("--force", options->force,
                   "Replace an existing block; overwrite an existing -o file; allow --type L");
+    cmd->add_flag("--follow-links", options->followLinks,
+                  "Sign the file a symbolic link at FILE (or at -o) names, opened once, instead of refusing it");
+    cmd->add_flag("--remove-leftovers", options->removeLeftovers,
+                  "Remove the temporary files (.NAME.kzol-XXXXXX) an interrupted earlier run left in the "
+                  "directories of the files signed");
     cmd->add_option("-j,--jobs", options->jobs, "Files signed at once (default: one per processor)")
         ->check(CLI::Range(1U, 256U));
     cmd->add_option("--keys", options->keyDirectory,
@@ -665,12 +983,25 @@ void addSignCommand(CLI::App& app, int& status)
         ->allow_extra_args(false);
     cmd->add_option("--module", options->token.module, "PKCS#11 module for a pkcs11: key without module-path");
     cmd->add_option("--pin-file", options->token.pinFile,
-                    "File holding the token's PIN (else pin-value, or KZOL_PKCS11_PIN)");
+                    "File holding the token's PIN (else pin-value, KZOL_PKCS11_PIN, or asked for on a terminal)");
+    cmd->add_option("--pass-file", options->token.passFile,
+                    "File whose first line is the passphrase of an encrypted PEM key (else asked for on a terminal)");
     cmd->footer("The block signs the file's bytes and the metadata (type, key selector) with RSA PKCS#1 v1.5\n"
-                "over SHA-256. The result keeps FILE's permission bits. The key is checked first: the private\n"
+                "over SHA-256. A replaced file keeps its owner, group, permission bits and extended attributes\n"
+                "(when they cannot be kept it is not replaced); a new -o file gets FILE's permission bits, without\n"
+                "set-user-ID or set-group-ID unless it has FILE's owner or group. Directories are opened one\n"
+                "component at a time without following links others own; a symbolic link at FILE or at -o is\n"
+                "refused without --follow-links; a file with several hard links is replaced only with --force. The key "
+                "is checked first: the private\n"
                 "half of the other selector's key is refused; one that matches neither known key is warned about.\n"
-                "Exit status, one FILE: 0 signed; 1 refused because FILE already carries a block or the -o file\n"
-                "exists (nothing written); 2 usage or I/O error (nothing written).\n"
+                "A file that already carries a block is skipped (quietly, counted) only when the block verifies\n"
+                "under the signing key and names the same type and selector; any other block (another key,\n"
+                "broken, changed since signing) fails that file unless --force re-signs it. A file named twice is\n"
+                "signed once. SIGINT or SIGTERM: files in flight are finished, none is started, no temporary\n"
+                "file stays; the summary says \"interrupted\" (exit 130 or 143). Temporary files an earlier run\n"
+                "left (after SIGKILL) are listed; --remove-leftovers removes them.\n"
+                "Exit status, one FILE: 0 signed; 1 FILE already carries a block (of this key, or one that does not\n"
+                "verify) or the -o file exists (nothing written); 2 usage or I/O error (nothing written).\n"
                 "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n"
                 "Every signed file is on disk before it takes its name: one FILE is flushed on its own; several\n"
                 "take their names in rounds, after one flush of their file system (syncfs) for each round.\n");

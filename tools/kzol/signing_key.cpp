@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "dev_keys.h"
+#include "keyset.h"
 #include "writer.h"
 
 namespace kzol {
@@ -14,18 +16,35 @@ namespace {
 
 constexpr std::size_t c_pinFileLimit = 4096;
 
-bool readPin(const std::string& path, std::string& pin, std::string& error)
+// The PIN as the first line of `source`.
+void takeLine(SecretBytes& source, SecretBytes& pin)
 {
-    ByteBuffer bytes;
-    if (!readFileBytes(path, bytes, error, c_pinFileLimit)) {
+    std::size_t length = 0;
+    while (length < source.size() && source.data()[length] != '\n' && source.data()[length] != '\r') {
+        ++length;
+    }
+    pin.allocate(length);
+    std::memcpy(pin.data(), source.data(), length);
+    pin.resize(length);
+    pin.data()[length] = 0;
+}
+
+bool readPin(const std::string& path, SecretBytes& pin, std::string& error)
+{
+    SecretBytes bytes;
+    if (!readSecretFile(path, bytes, c_pinFileLimit, error)) {
         return false;
     }
-    pin.assign(bytes.begin(), bytes.end());
-    OPENSSL_cleanse(bytes.data(), bytes.size());
-    while (!pin.empty() && (pin.back() == '\n' || pin.back() == '\r')) {
-        pin.pop_back();
-    }
+    takeLine(bytes, pin);
     return true;
+}
+
+void copyPin(const char* text, SecretBytes& pin)
+{
+    const std::size_t length = std::strlen(text);
+    pin.allocate(length);
+    std::memcpy(pin.data(), text, length + 1);
+    pin.resize(length);
 }
 
 }  // namespace
@@ -51,6 +70,33 @@ struct SigningKey::Token {
     }
 };
 
+char developmentKeyOf(EVP_PKEY* key)
+{
+    std::string mine, error;
+    return fingerprint(key, mine, error) ? developmentKeyOfFingerprint(mine) : 0;
+}
+
+char developmentKeyOfFingerprint(const std::string& mine)
+{
+    std::string development, error;
+    for (const char selector : {'5', '6'}) {
+        if (fingerprintOfPem(selector == '5' ? c_devPublicKey5 : c_devPublicKey6, development, error) &&
+            development == mine) {
+            return selector;
+        }
+    }
+    return 0;
+}
+
+std::string developmentKeyWarning(EVP_PKEY* key)
+{
+    const char selector = developmentKeyOf(key);
+    return selector == 0 ? std::string()
+                         : std::string("kzol: warning: this is the DEVELOPMENT key ") + selector +
+                               " of the source tree (keys/dev): its private half is public, so what it signs "
+                               "proves nothing; never sign a release with it";
+}
+
 SigningKey::SigningKey() = default;
 
 SigningKey::~SigningKey()
@@ -62,7 +108,7 @@ SigningKey::~SigningKey()
 bool SigningKey::load(const std::string& keyName, const TokenOptions& options, std::string& error)
 {
     if (!isTokenUri(keyName)) {
-        return loadSigningKey(keyName, m_key, error);
+        return loadSigningKey(keyName, m_key, error, options.passFile);
     }
     TokenUri uri;
     if (!parseTokenUri(keyName, uri, error)) {
@@ -73,15 +119,25 @@ bool SigningKey::load(const std::string& keyName, const TokenOptions& options, s
         error = "a pkcs11: key needs its module: module-path in the URI, or --module";
         return false;
     }
-    std::string pin = uri.pinValue;
-    if (pin.empty() && !uri.pinSource.empty() && !readPin(uri.pinSource, pin, error)) {
+    // The PIN lives in one wiped buffer; the copies it came from are wiped
+    // as soon as it is taken (the URI's, and the environment's).
+    SecretBytes pin;
+    if (!uri.pinValue.empty()) {
+        copyPin(uri.pinValue.c_str(), pin);
+        wipe(uri.pinValue);
+    }
+    if (pin.size() == 0 && !uri.pinSource.empty() && !readPin(uri.pinSource, pin, error)) {
         return false;
     }
-    if (pin.empty() && !options.pinFile.empty() && !readPin(options.pinFile, pin, error)) {
+    if (pin.size() == 0 && !options.pinFile.empty() && !readPin(options.pinFile, pin, error)) {
         return false;
     }
-    if (const char* fromEnvironment = std::getenv("KZOL_PKCS11_PIN"); pin.empty() && fromEnvironment != nullptr) {
-        pin = fromEnvironment;
+    if (char* fromEnvironment = std::getenv("KZOL_PKCS11_PIN"); fromEnvironment != nullptr) {
+        if (pin.size() == 0) {
+            copyPin(fromEnvironment, pin);
+        }
+        OPENSSL_cleanse(fromEnvironment, std::strlen(fromEnvironment));
+        ::unsetenv("KZOL_PKCS11_PIN");
     }
 
     m_token = std::make_unique<Token>();
@@ -118,12 +174,13 @@ bool SigningKey::load(const std::string& keyName, const TokenOptions& options, s
         return false;
     }
     if (slot->token->loginRequired) {
-        if (pin.empty()) {
+        std::string why;
+        if (pin.size() == 0 && !askSecret("PIN of token " + uri.token + ": ", pin, why)) {
             error = "the token needs a PIN: pin-value or pin-source in the URI, --pin-file, or KZOL_PKCS11_PIN";
             return false;
         }
-        const int login = PKCS11_login(slot, 0, pin.c_str());
-        OPENSSL_cleanse(pin.data(), pin.size());
+        const int login = PKCS11_login(slot, 0, reinterpret_cast<const char*>(pin.data()));
+        pin.clear();
         if (login != 0) {
             error = withOpensslErrors("PIN refused by the token");
             return false;
@@ -147,7 +204,7 @@ bool SigningKey::load(const std::string& keyName, const TokenOptions& options, s
         }
     }
     if (found == nullptr) {
-        error = "no private key in the token matches " + keyName.substr(0, keyName.find('?'));
+        error = "no private key in the token matches " + redactedKeyName(keyName.substr(0, keyName.find('?')));
         return false;
     }
     if (matching > 1) {

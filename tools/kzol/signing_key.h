@@ -14,11 +14,23 @@
 namespace kzol {
 
 // Where the module and the PIN of a token come from when the URI does not say:
-// --module, --pin-file, then the environment variable KZOL_PKCS11_PIN.
+// --module, --pin-file, the environment variable KZOL_PKCS11_PIN, then a
+// prompt without echo when standard input is a terminal. --pass-file: the
+// passphrase of an encrypted PEM key.
 struct TokenOptions {
     std::string module;
     std::string pinFile;
+    std::string passFile;  // the passphrase of an encrypted PEM key
 };
+
+// '5' or '6' when `key` (private or public) is a development key of the
+// source tree (keys/dev/), recognised by its fingerprint wherever its file
+// lies; 0 otherwise.
+char developmentKeyOf(EVP_PKEY* key);
+// The same for a key's fingerprint (lower-case hex SHA-256 of its DER form).
+char developmentKeyOfFingerprint(const std::string& fingerprintHex);
+// The warning that names a development key used to sign, "" for another key.
+std::string developmentKeyWarning(EVP_PKEY* key);
 
 class SigningKey {
 public:

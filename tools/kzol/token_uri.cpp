@@ -1,5 +1,9 @@
 #include "token_uri.h"
 
+#include <openssl/crypto.h>
+
+#include <algorithm>
+
 #include "string_utils.h"
 
 namespace kzol {
@@ -11,6 +15,7 @@ constexpr char c_scheme[] = "pkcs11:";
 bool percentDecode(const std::string& text, std::string& out, std::string& error)
 {
     out.clear();
+    out.reserve(text.size());  // one allocation: no copy of a PIN left behind
     for (std::size_t i = 0; i < text.size(); ++i) {
         if (text[i] != '%') {
             out += text[i];
@@ -19,7 +24,7 @@ bool percentDecode(const std::string& text, std::string& out, std::string& error
         const int high = i + 2 < text.size() ? hexValue(static_cast<unsigned char>(text[i + 1])) : -1;
         const int low = high >= 0 ? hexValue(static_cast<unsigned char>(text[i + 2])) : -1;
         if (low < 0) {
-            error = "bad percent-escape in \"" + text + "\"";
+            error = "bad percent-escape";
             return false;
         }
         out += static_cast<char>(high * 16 + low);
@@ -40,23 +45,32 @@ bool forEachAttribute(const std::string& part, char separator, const char* where
         if (end == std::string::npos) {
             end = part.size();
         }
-        const std::string item = part.substr(start, end - start);
+        // Values may be a PIN: never shown, wiped before their memory goes.
+        std::string item = part.substr(start, end - start);
         start = end + 1;
         if (item.empty()) {
             continue;
         }
         const std::size_t equals = item.find('=');
         if (equals == std::string::npos || equals == 0) {
-            error = std::string("pkcs11 URI: ") + where + " attribute without a name and value: \"" + item + "\"";
+            error = std::string("pkcs11 URI: a ") + where + " attribute without a name and value";
+            wipe(item);
             return false;
         }
+        std::string encoded = item.substr(equals + 1);
         std::string value;
-        if (!percentDecode(item.substr(equals + 1), value, error)) {
-            error = "pkcs11 URI: " + error;
+        const std::string name = item.substr(0, equals);
+        wipe(item);
+        const bool decoded = percentDecode(encoded, value, error);
+        wipe(encoded);
+        if (!decoded) {
+            error = "pkcs11 URI: " + error + " in the value of \"" + name + "\"";
+            wipe(value);
             return false;
         }
-        const std::string name = item.substr(0, equals);
-        if (!take(name, value)) {
+        const bool known = take(name, value);
+        wipe(value);
+        if (!known) {
             error = std::string("pkcs11 URI: unknown ") + where + " attribute \"" + name + "\"";
             return false;
         }
@@ -65,6 +79,32 @@ bool forEachAttribute(const std::string& part, char separator, const char* where
 }
 
 }  // namespace
+
+void wipe(std::string& secret)
+{
+    OPENSSL_cleanse(&secret[0], secret.size());
+    secret.clear();
+}
+
+std::string redactedKeyName(const std::string& keyName)
+{
+    if (!isTokenUri(keyName)) {
+        return keyName;
+    }
+    std::string shown = keyName;
+    const std::size_t question = shown.find('?');
+    for (std::size_t at = question; at != std::string::npos && at < shown.size();) {
+        const std::size_t end = std::min(shown.find('&', at + 1), shown.size());
+        const std::size_t begin = at + 1;
+        if (shown.compare(begin, 10, "pin-value=") == 0) {
+            shown.replace(begin + 10, end - begin - 10, "(hidden)");
+            at = shown.find('&', begin);
+        } else {
+            at = end < shown.size() ? end : std::string::npos;
+        }
+    }
+    return shown;
+}
 
 bool isTokenUri(const std::string& text)
 {
@@ -78,10 +118,9 @@ bool parseTokenUri(const std::string& text, TokenUri& uri, std::string& error)
         error = "not a pkcs11: URI";
         return false;
     }
-    const std::string rest = text.substr(sizeof(c_scheme) - 1);
-    const std::size_t question = rest.find('?');
-    const std::string path = rest.substr(0, question);
-    const std::string query = question == std::string::npos ? std::string() : rest.substr(question + 1);
+    const std::size_t question = text.find('?');
+    const std::string path = text.substr(sizeof(c_scheme) - 1, question - (sizeof(c_scheme) - 1));
+    std::string query = question == std::string::npos ? std::string() : text.substr(question + 1);
     const auto pathAttribute = [&uri](const std::string& name, const std::string& value) {
         if (name == "token") {
             uri.token = value;
@@ -115,8 +154,13 @@ bool parseTokenUri(const std::string& text, TokenUri& uri, std::string& error)
         }
         return true;
     };
-    return forEachAttribute(path, ';', "path", pathAttribute, error) &&
-           forEachAttribute(query, '&', "query", queryAttribute, error);
+    const bool parsed = forEachAttribute(path, ';', "path", pathAttribute, error) &&
+                        forEachAttribute(query, '&', "query", queryAttribute, error);
+    wipe(query);
+    if (!parsed) {
+        wipe(uri.pinValue);
+    }
+    return parsed;
 }
 
 }  // namespace kzol

@@ -21,6 +21,10 @@ struct TokenUri {
 };
 
 bool isTokenUri(const std::string& text);
+// `keyName` for messages: in a pkcs11: URI the value of pin-value is hidden.
+std::string redactedKeyName(const std::string& keyName);
+// Overwrites a secret's bytes (OPENSSL_cleanse) and empties it.
+void wipe(std::string& secret);
 // Parses `text` ("pkcs11:" path ["?" query]); percent-escapes decoded.
 // Attributes it does not know fail, so that a mistyped one is not ignored;
 // "type" is accepted only as "private".

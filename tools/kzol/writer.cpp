@@ -1,11 +1,18 @@
 #include "writer.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/rsa.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 
 #include "signature.h"
@@ -14,10 +21,36 @@ namespace kzol {
 
 namespace {
 
-// Refuses to ask for a passphrase: the tool runs unattended as often as not.
-int noPassphrase(char* /*buffer*/, int /*size*/, int /*rwflag*/, void* /*userdata*/)
+// Hands OpenSSL the passphrase given (none: the key is not decrypted).
+int givePassphrase(char* buffer, int size, int /*rwflag*/, void* userdata)
 {
-    return -1;
+    auto* passphrase = static_cast<SecretBytes*>(userdata);
+    if (passphrase == nullptr || passphrase->size() == 0 || passphrase->size() > static_cast<std::size_t>(size)) {
+        return -1;
+    }
+    std::memcpy(buffer, passphrase->data(), passphrase->size());
+    return static_cast<int>(passphrase->size());
+}
+
+bool contains(SecretBytes& bytes, const char* text)
+{
+    const std::size_t length = std::strlen(text);
+    for (std::size_t at = 0; at + length <= bytes.size(); ++at) {
+        if (std::memcmp(bytes.data() + at, text, length) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Takes the line end off a secret read from a file or a terminal.
+void trimLineEnd(SecretBytes& secret)
+{
+    std::size_t size = secret.size();
+    while (size > 0 && (secret.data()[size - 1] == '\n' || secret.data()[size - 1] == '\r')) {
+        secret.data()[--size] = 0;
+    }
+    secret.resize(size);
 }
 
 std::string keyTypeName(int id)
@@ -41,11 +74,129 @@ bool isKeySelector(char keyId)
     return keyId == '5' || keyId == '6';
 }
 
-bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error)
+void SecretBytes::allocate(std::size_t size)
+{
+    clear();
+    m_bytes.reset(new unsigned char[size + 1]);
+    m_capacity = size;
+    m_size = 0;
+}
+
+void SecretBytes::clear()
+{
+    if (m_bytes) {
+        OPENSSL_cleanse(m_bytes.get(), m_capacity + 1);
+    }
+    m_bytes.reset();
+    m_size = m_capacity = 0;
+}
+
+bool readSecretFile(const std::string& path, SecretBytes& secret, std::size_t limit, std::string& error)
+{
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!fd || ::fstat(fd.get(), &status) != 0) {
+        error = "cannot open " + path + ": " + errnoText(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = path + " is not a regular file";
+        return false;
+    }
+    if (static_cast<std::uint64_t>(status.st_size) > limit) {
+        error = path + " is too large";
+        return false;
+    }
+    // One byte more than the size, to see a file that grew.
+    const std::size_t room = static_cast<std::size_t>(status.st_size) + 1;
+    secret.allocate(room);
+    std::size_t done = 0;
+    while (done < room) {
+        const ssize_t n = ::read(fd.get(), secret.data() + done, room - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            error = "cannot read " + path + ": " + errnoText(errno);
+            return false;
+        }
+        if (n == 0) {
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    if (done > static_cast<std::size_t>(status.st_size)) {
+        error = path + " changed while it was read";
+        return false;
+    }
+    secret.resize(done);
+    return true;
+}
+
+bool askSecret(const std::string& prompt, SecretBytes& secret, std::string& error)
+{
+    constexpr std::size_t c_longest = 1024;
+    if (::isatty(STDIN_FILENO) == 0) {
+        error = "standard input is not a terminal to ask on";
+        return false;
+    }
+    const UniqueFd tty(::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC));
+    struct termios saved {};
+    if (!tty || ::tcgetattr(tty.get(), &saved) != 0) {
+        error = "cannot use the terminal: " + errnoText(errno);
+        return false;
+    }
+    struct termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
+    quiet.c_lflag |= ICANON;
+    if (::tcsetattr(tty.get(), TCSAFLUSH, &quiet) != 0) {
+        error = "cannot turn off the terminal's echo: " + errnoText(errno);
+        return false;
+    }
+    (void)!::write(tty.get(), prompt.data(), prompt.size());
+    secret.allocate(c_longest);
+    std::size_t done = 0;
+    for (unsigned char c = 0; done < c_longest;) {
+        const ssize_t n = ::read(tty.get(), &c, 1);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0 || c == '\n') {
+            break;
+        }
+        secret.data()[done++] = c;
+    }
+    secret.data()[done] = 0;
+    ::tcsetattr(tty.get(), TCSAFLUSH, &saved);
+    (void)!::write(tty.get(), "\n", 1);
+    secret.resize(done);
+    return true;
+}
+
+bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error, const std::string& passFile)
 {
     constexpr std::size_t c_keyFileLimit = 1 << 20;  // a PEM key takes a few kilobytes
-    ByteBuffer pem;
-    if (!readFileBytes(path, pem, error, c_keyFileLimit)) {
+    SecretBytes pem;
+    if (!readSecretFile(path, pem, c_keyFileLimit, error)) {
+        return false;
+    }
+    if (pem.size() == 0) {
+        error = path + " is empty: --key needs a PEM private key";
+        return false;
+    }
+    if (contains(pem, "-----BEGIN PUBLIC KEY-----") || contains(pem, "-----BEGIN RSA PUBLIC KEY-----")) {
+        error = path + " holds a public key, not an unencrypted PEM private key: --key needs the private key";
+        return false;
+    }
+    SecretBytes passphrase;
+    const bool encrypted = contains(pem, "ENCRYPTED");
+    if (encrypted && !passFile.empty()) {
+        if (!readSecretFile(passFile, passphrase, 4096, error)) {
+            return false;
+        }
+        trimLineEnd(passphrase);
+    } else if (encrypted && !askSecret("Passphrase for " + path + ": ", passphrase, error)) {
+        error = path + " is encrypted: give its passphrase with --pass-file (" + error + ")";
         return false;
     }
     BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
@@ -54,10 +205,10 @@ bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error
         return false;
     }
     ERR_clear_error();
-    key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, noPassphrase, nullptr));
-    OPENSSL_cleanse(pem.data(), pem.size());
+    key.reset(PEM_read_bio_PrivateKey(bio.get(), nullptr, givePassphrase, &passphrase));
     if (!key) {
-        error = withOpensslErrors(path + ": not an unencrypted PEM private key");
+        ERR_clear_error();
+        error = encrypted ? path + ": wrong passphrase, or not a PEM private key" : path + ": not a PEM private key";
         return false;
     }
     const int id = EVP_PKEY_base_id(key.get());
@@ -230,11 +381,26 @@ bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char
     return composeSignedFileOver(key, content, region, type, keyId, signedFile, error);
 }
 
-bool blockReadsBack(const std::string& path, std::size_t contentSize, char type, char keyId)
+bool loadBlock(int fd, Signature& block, _ZolSigMeta& meta)
+{
+    const int copy = ::dup(fd);
+    FilePtr stream(copy < 0 ? nullptr : ::fdopen(copy, "rb"));
+    if (!stream) {
+        if (copy >= 0) {
+            ::close(copy);
+        }
+        return false;
+    }
+    const bool loaded = block.loadFromStream(stream.get(), meta);
+    ::lseek(fd, 0, SEEK_SET);
+    return loaded;
+}
+
+bool blockReadsBack(int fd, std::size_t contentSize, char type, char keyId)
 {
     Signature check;
     _ZolSigMeta meta{};
-    return check.loadFromFile(path, meta) && check.offset() == contentSize + c_metaFieldSize && meta.sigType == type &&
+    return loadBlock(fd, check, meta) && check.offset() == contentSize + c_metaFieldSize && meta.sigType == type &&
            meta.keyId == keyId;
 }
 

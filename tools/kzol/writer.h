@@ -10,10 +10,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 #include "block_layout.h"
 #include "common.h"
+#include "signature.h"
 #include "string_utils.h"
 
 namespace kzol {
@@ -25,10 +27,40 @@ using block_layout::isSignatureType;
 // The key selectors that name a built-in public key: '5' or '6'.
 bool isKeySelector(char keyId);
 
+// Bytes of a secret (a key's PEM text, a passphrase, a PIN), sized once and
+// wiped (OPENSSL_cleanse) before their memory goes back.
+class SecretBytes {
+public:
+    SecretBytes() = default;
+    ~SecretBytes() { clear(); }
+    SecretBytes(const SecretBytes&) = delete;
+    SecretBytes& operator=(const SecretBytes&) = delete;
+    // Room for `size` bytes, allocated once; the old bytes are wiped first.
+    void allocate(std::size_t size);
+    void clear();
+    unsigned char* data() { return m_bytes.get(); }
+    std::size_t size() const { return m_size; }
+    void resize(std::size_t size) { m_size = size <= m_capacity ? size : m_capacity; }
+    std::string text() const { return std::string(reinterpret_cast<const char*>(m_bytes.get()), m_size); }
+
+private:
+    std::unique_ptr<unsigned char[]> m_bytes;
+    std::size_t m_size = 0;
+    std::size_t m_capacity = 0;
+};
+
+// Reads the whole file `path` (at most `limit` bytes) into `secret` with no
+// copy on the way.
+bool readSecretFile(const std::string& path, SecretBytes& secret, std::size_t limit, std::string& error);
+// Asks for a secret on the terminal, without echo, when standard input is a
+// terminal; false (with `error`) otherwise.
+bool askSecret(const std::string& prompt, SecretBytes& secret, std::string& error);
+
 // Reads a PEM private key (PKCS#8 or the traditional RSA form) and accepts
-// only an RSA key with a 2048-bit modulus. Encrypted keys are refused rather
-// than prompted for.
-bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error);
+// only an RSA key with a 2048-bit modulus. An encrypted key is opened with the
+// first line of `passFile`, else with a passphrase asked for on the terminal.
+bool loadSigningKey(const std::string& path, EvpPkeyPtr& key, std::string& error,
+                    const std::string& passFile = std::string());
 
 // The 3-byte metadata field: type, key selector, the reserved byte.
 ByteBuffer metadataField(char type, char keyId);
@@ -63,10 +95,14 @@ bool composeSignedFileOver(EVP_PKEY* key, const ByteBuffer& content, const ByteB
 bool composeSignedFile(EVP_PKEY* key, const ByteBuffer& content, char type, char keyId, ByteBuffer& signedFile,
                        std::string& error);
 
-// True when the library's reader loads from `path` exactly the block that was
-// written over `contentSize` bytes of content: the signed region ends after
-// the metadata field, with the given type and key selector. A written file is
-// checked so before it takes its final name.
-bool blockReadsBack(const std::string& path, std::size_t contentSize, char type, char keyId);
+// True when the library's reader loads from the open file `fd` exactly the
+// block that was written over `contentSize` bytes of content: the signed
+// region ends after the metadata field, with the given type and key selector.
+// A written file is checked so before it takes its final name.
+bool blockReadsBack(int fd, std::size_t contentSize, char type, char keyId);
+
+// Loads the block at the end of the open file `fd` as the library's reader
+// does; fd's offset is set back to the start afterwards.
+bool loadBlock(int fd, Signature& block, _ZolSigMeta& meta);
 
 }  // namespace kzol
