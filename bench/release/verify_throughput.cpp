@@ -35,55 +35,20 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "run_process.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using kzol_bench::Measure;
+using kzol_bench::runProcess;
 
-struct Measure {
-    double seconds = 0;
-    double cpuSeconds = 0;  // user and system time of the process
-    long peakKiB = 0;
-    int status = -1;
-};
+using Clock = std::chrono::steady_clock;
 
 double threadCpuSeconds()
 {
     timespec now{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-// Runs `args` with standard output and error discarded: elapsed time, peak
-// resident memory and status.
-Measure runProcess(const std::vector<std::string>& args)
-{
-    std::vector<char*> argv;
-    for (const std::string& a : args) {
-        argv.push_back(const_cast<char*>(a.c_str()));
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    Measure m;
-    const auto start = Clock::now();
-    pid_t pid = 0;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0) {
-        int status = 0;
-        rusage usage{};
-        wait4(pid, &status, 0, &usage);
-        m.seconds = std::chrono::duration<double>(Clock::now() - start).count();
-        m.peakKiB = usage.ru_maxrss;
-        m.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1e-6;
-        m.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return m;
 }
 
 // The best of `runs` runs (the least disturbed by the machine's other work),
