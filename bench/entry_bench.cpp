@@ -13,6 +13,10 @@
 //   report/round_trip        SendSecurityReport until the listener has the report
 //   threads/signed           entry/signed on 1 and on 2 threads at once
 //   threads/key_load         VerifyContext::loadPublicKey alone, 1 and 2 threads
+//   descriptor/by_name/N     verifyFileDescriptor on a signed file of N content
+//                            bytes in an area (area test by its name)
+//   descriptor/open_file/N   verifyOpenFile on the same open file (area test
+//                            from the open file itself)
 //
 // All are timed in elapsed time: reports wait for the listener.
 #include <benchmark/benchmark.h>
@@ -26,6 +30,7 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bench_support.h"
 #include "bs_context.h"
@@ -119,6 +124,45 @@ void entryCall(benchmark::State& state, const std::string& path, int answer, boo
     }
 }
 
+// The two descriptor entry points on one open file.
+void descriptorCall(benchmark::State& state, const std::string& path, bool byObject)
+{
+    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    for (auto _ : state) {
+        const int answer = byObject ? verifyOpenFile(fd.get(), "bench", nullptr)
+                                    : verifyFileDescriptor(fd.get(), path.c_str(), "bench");
+        if (answer != 1) {
+            state.SkipWithError("the signed file was refused");
+            break;
+        }
+    }
+}
+
+// Signed files of the workspace copied into its area, removed at exit.
+std::vector<std::string> g_areaCopies;
+
+void removeAreaCopies()
+{
+    for (const std::string& path : g_areaCopies) {
+        (void)unlink(path.c_str());
+    }
+}
+
+std::string areaCopy(const Workspace& workspace, const SignedFile& file)
+{
+    const std::string path = workspace.areaDirectory() + "/signed-" + std::to_string(file.contentSize) + ".sh";
+    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!fd || write(fd.get(), file.bytes.data(), file.bytes.size()) != static_cast<ssize_t>(file.bytes.size())) {
+        std::fprintf(stderr, "kzol_bench: cannot write %s\n", path.c_str());
+        std::exit(1);
+    }
+    if (g_areaCopies.empty()) {
+        (void)std::atexit(removeAreaCopies);
+    }
+    g_areaCopies.push_back(path);
+    return path;
+}
+
 void registerEntry(const Workspace& workspace)
 {
     if (!listener().start()) {
@@ -164,6 +208,13 @@ void registerEntry(const Workspace& workspace)
             }
         }
     }));
+    for (const std::size_t size : {contentSizes()[0], contentSizes()[2]}) {
+        const std::string copy = areaCopy(workspace, *workspace.file(size));
+        timed(benchmark::RegisterBenchmark(("descriptor/by_name/" + std::to_string(size)).c_str(), descriptorCall, copy,
+                                           false));
+        timed(benchmark::RegisterBenchmark(("descriptor/open_file/" + std::to_string(size)).c_str(), descriptorCall,
+                                           copy, true));
+    }
     // Each thread checks the same file; the figure is the time per call on
     // each thread, so two threads scale perfectly when it stays the same.
     timed(benchmark::RegisterBenchmark("threads/signed", entryCall, signedFile, 1, false))->Threads(1)->Threads(2);

@@ -32,6 +32,9 @@ for size in SIZES:
                  ("<=", 1.10) if size >= 64 * KIB else None))
     ROWS.append((f"verify {size_label(size)}", verify, "RSA verify + SHA-256 in memory",
                  [f"verify/sha256_only/{size}", "verify/rsa_verify_only"], None))
+for size in (4 * KIB, MIB):
+    ROWS.append((f"open file {size_label(size)}", f"descriptor/open_file/{size}", "verifyFileDescriptor, same file",
+                 [f"descriptor/by_name/{size}"], ("<=", 1.05)))
 ROWS += [
     ("entry: outside the areas", "entry/outside", "access + realpath", ["entry/access_realpath"], ("<=", 1.3)),
     ("entry: not a television", "entry/other_device", "", [], None),

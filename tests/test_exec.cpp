@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "device.h"
+#include "race.h"
 #include "test_support.h"
 
 using namespace kzol_test;
@@ -43,32 +44,6 @@ struct Television {
     {
         return kzol("emulate " + shq(profile) + " -- " + shq(KZOL_TOOL) + " " + args, out, dir);
     }
-};
-
-// A process that swaps the names `a` and `b` as fast as it can, until destroyed.
-class Swapper {
-public:
-    Swapper(const std::string& a, const std::string& b) : m_pid(fork())
-    {
-        if (m_pid == 0) {
-            for (;;) {
-                renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
-            }
-        }
-    }
-    ~Swapper()
-    {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-    }
-    Swapper(const Swapper&) = delete;
-    Swapper& operator=(const Swapper&) = delete;
-    bool running() const { return m_pid > 0; }
-
-private:
-    pid_t m_pid;
 };
 
 }  // namespace

@@ -121,6 +121,36 @@ int UnixSocket::ConnectToHost(char const* name)
     return 0;
 }
 
+int UnixSocket::ConnectToHost(char const* name, unsigned int timeoutMs)
+{
+    SetupSocket(name);
+    if (CreateSocketDescriptor() != 0) {
+        return -1;
+    }
+    // For a Unix stream socket the send timeout bounds the wait for room in
+    // the listener's queue as well as every send.
+    struct timeval timeout = {};
+    timeout.tv_sec = static_cast<time_t>(timeoutMs / 1000);
+    timeout.tv_usec = static_cast<suseconds_t>((timeoutMs % 1000) * 1000);
+    if (setsockopt(m_descriptor.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof(timeout)) != 0 ||
+        connect(m_descriptor.get(), reinterpret_cast<const struct sockaddr*>(&m_address), c_addressLength) != 0) {
+        KZOL_LOGE("connect() error ;");
+        return -1;
+    }
+    return 0;
+}
+
+int UnixSocket::PeerUserId(uid_t& uid) const
+{
+    struct ucred credentials = {};
+    socklen_t length = sizeof(credentials);
+    if (getsockopt(m_descriptor.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) {
+        return -1;
+    }
+    uid = credentials.uid;
+    return 0;
+}
+
 int UnixSocket::SetupHost(char const* name, unsigned int backlog)
 {
     SetupSocket(name);

@@ -15,6 +15,7 @@
 #pragma once
 
 #include <sys/socket.h>
+#include <sys/types.h>
 #include <sys/un.h>
 
 #include <string>
@@ -36,6 +37,12 @@ public:
 
     // Client side. A failed connect leaves the descriptor open.
     int ConnectToHost(char const* name);
+    // The same with connecting and every later send bounded by `timeoutMs`
+    // (0 bounds nothing).
+    int ConnectToHost(char const* name, unsigned int timeoutMs);
+    // The user ID of the connected peer, as it was when the peer listened or
+    // connected; -1 when it cannot be told.
+    int PeerUserId(uid_t& uid) const;
 
     // Server side.
     int SetupHost(char const* name, unsigned int backlog);

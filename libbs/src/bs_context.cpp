@@ -10,8 +10,8 @@
 #include <limits>
 #include <memory>
 #include <new>
-#include <string_view>
 
+#include "areas.h"
 #include "handles.h"
 #include "log.h"
 #include "public_keys.h"
@@ -20,11 +20,6 @@
 namespace {
 
 constexpr unsigned int c_readChunk = 16384;
-
-// User-writable areas, then the directories below them that are not; both are
-// matched as plain prefixes, the second against the rest after the area.
-constexpr std::string_view c_userAreas[] = {"/opt", "/tmp"};
-constexpr std::string_view c_excludedDirectories[] = {"/var/tmp/rpm-tmp", "/data/pebblecove"};
 
 // Type 'P' with selector '5' or '6' selects the matching key text; an empty
 // text selects nothing.
@@ -258,19 +253,7 @@ int BSContext::checkFileIsInRWUser(const char* path, char* resolved) const
         return -1;
     }
     errno = 0;
-    for (const std::string_view area : c_userAreas) {
-        if (std::strncmp(resolved, area.data(), area.size()) != 0) {
-            continue;
-        }
-        const char* rest = resolved + area.size();
-        for (const std::string_view excluded : c_excludedDirectories) {
-            if (std::strncmp(rest, excluded.data(), excluded.size()) == 0) {
-                return -1;
-            }
-        }
-        return 0;
-    }
-    return -1;
+    return areas::locate(resolved).place == areas::Place::inside ? 0 : -1;
 }
 
 bool BSContext::readDeviceId(ByteBuffer& out, const std::string& deviceId) const

@@ -76,10 +76,27 @@ void fillCommon(Json::Value& message, int kind)
     message[c_taskTagReportSeq] = GetUsSysTime(sequence, sizeof(sequence));
 }
 
+// When the gate holds (the KZOL_FAIL_CLOSED build), a report waits for the
+// daemon no longer than this, and goes only to a listener of the daemon's
+// user: whoever took the name first neither holds the caller nor reads the
+// reports.
+constexpr bool c_boundedReports = KZOL_FAIL_CLOSED != 0;
+constexpr unsigned int c_reportTimeoutMs = KZOL_REPORT_TIMEOUT_MS;
+constexpr uid_t c_daemonUid = KZOL_DAEMON_UID;
+
 bool connectToDaemon(UnixSocket& socket, const char* function)
 {
-    if (socket.ConnectToHost(c_daemonNameUserMsg) != 0) {
+    const int connected = c_boundedReports ? socket.ConnectToHost(c_daemonNameUserMsg, c_reportTimeoutMs)
+                                           : socket.ConnectToHost(c_daemonNameUserMsg);
+    if (connected != 0) {
         KZOL_LOGE_IN(function, "Failed to connect to vexmd;");
+        socket.Disconnect();
+        return false;
+    }
+    uid_t uid = 0;
+    if (c_boundedReports && (socket.PeerUserId(uid) != 0 || uid != c_daemonUid)) {
+        KZOL_LOGE_IN(function, "Report not delivered: the listener is not the daemon's user %u;",
+                     static_cast<unsigned int>(c_daemonUid));
         socket.Disconnect();
         return false;
     }

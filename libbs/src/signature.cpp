@@ -5,6 +5,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -36,6 +37,64 @@ inline bool fitsPositions(off_t size)
 bool isReadOnlyMode(const char* mode)
 {
     return mode[0] == 'r' && std::strchr(mode, '+') == nullptr;
+}
+
+// The longest text that is read into memory as it stands: an MPI string of a
+// signature by the largest RSA key (16384 bits) is 4098 characters.
+constexpr unsigned int c_textBound = 16384;
+// Digits of the stand-in for a long text made of digit pairs only: decoded,
+// 4096 bytes, which no key's modulus matches.
+constexpr std::size_t c_standInDigits = 8192;
+
+// A declared text longer than c_textBound cannot be the signature of any key,
+// yet the length field alone makes no block invalid: the text is checked as
+// the MPI check would check it. Scanned in pieces from `position`, it is
+// replaced in `text` by a short stand-in that the MPI check judges the same
+// way, with the same messages: its first two bytes when they are not "0x";
+// "0xzz" when a digit pair is invalid (the NUL after an odd count of digits
+// included); "0x" and c_standInDigits zeros when every pair is valid, which
+// decodes to a signature of a length that no key accepts. The text is read up
+// to its first invalid pair; false when that much of it cannot be read.
+bool loadLongText(FILE* pFile, unsigned int position, unsigned int length, ByteBuffer& text)
+{
+    if (fseeko(pFile, static_cast<off_t>(position), SEEK_SET) != 0) {
+        return false;
+    }
+    unsigned char piece[c_textBound];
+    unsigned char first[2] = {};
+    unsigned int index = 0;
+    int high = -1;  // the pending high digit of a pair
+    bool invalid = false;
+    while (index < length && !invalid) {
+        const unsigned int want = std::min(length - index, static_cast<unsigned int>(sizeof(piece)));
+        if (std::fread(piece, 1, want, pFile) != want) {
+            return false;
+        }
+        for (unsigned int i = 0; i < want && !invalid; ++i, ++index) {
+            if (index < 2) {
+                first[index] = piece[i];
+                continue;
+            }
+            const int value = hexValue(piece[i]);
+            // An invalid digit, or a high digit whose pair ends in the NUL.
+            invalid = value < 0 || (high < 0 && index + 1 == length);
+            high = high < 0 ? value : -1;
+        }
+        if (first[0] != '0' || first[1] != 'x') {
+            text.assign(first, first + 2);
+            text.push_back('\0');
+            return true;
+        }
+    }
+    if (invalid) {
+        const unsigned char stand[] = {'0', 'x', 'z', 'z', '\0'};
+        text.assign(stand, stand + sizeof(stand));
+        return true;
+    }
+    text.assign(2 + c_standInDigits + 1, '0');
+    text[1] = 'x';
+    text.back() = '\0';
+    return true;
 }
 
 }  // namespace
@@ -215,11 +274,16 @@ bool Signature::loadSignatureContent(FILE* pFile, unsigned int position, _ZolSig
     }
     m_offset = position - textLength;
 
-    resize(textLength);
-    // An empty text is a null buffer to readFromFile, which refuses it.
-    const bool textRead = readFromFile(pFile, m_offset, empty() ? nullptr : data(), textLength);
-    if (textRead) {
-        push_back('\0');
+    bool textRead = false;
+    if (textLength > c_textBound) {
+        textRead = loadLongText(pFile, m_offset, textLength, *this);
+    } else {
+        resize(textLength);
+        // An empty text is a null buffer to readFromFile, which refuses it.
+        textRead = readFromFile(pFile, m_offset, empty() ? nullptr : data(), textLength);
+        if (textRead) {
+            push_back('\0');
+        }
     }
     if (m_offset <= m_metaSize) {
         return false;  // no room left for any content before the metadata

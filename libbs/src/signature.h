@@ -28,7 +28,10 @@ public:
     ~Signature();
 
     // Finds and loads the block at the end of the file. On success the text
-    // holds the L text bytes and one NUL, and `meta` is filled.
+    // holds the L text bytes and one NUL, and `meta` is filled. A text longer
+    // than any key's signature needs (over 16384 bytes) is not read into
+    // memory: a short stand-in takes its place that the MPI check answers
+    // exactly as it would answer the text itself.
     bool loadFromFile(const std::string& path, _ZolSigMeta& meta);
     // The same from an open stream, positioned anywhere.
     bool loadFromStream(FILE* pFile, _ZolSigMeta& meta);

@@ -9,7 +9,7 @@
 // as without faults whenever the call delivered anything; every line the
 // library wrote to the platform log or to standard error is a documented one.
 //
-//   inject_driver NAME check|report|verify PATH REFUSE(0|1)
+//   inject_driver NAME check|descriptor|open|run|report|verify PATH REFUSE(0|1)
 //
 // Prints one line of figures and exits 0 when no check failed.
 #include <dirent.h>
@@ -87,6 +87,8 @@ const PlatformMessage c_platformMessages[] = {
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;"},
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to send request [%s];"},
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to disconnect;"},
+    {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification",
+     "Report not delivered: the listener is not the daemon's user %d;"},
     {DLOG_INFO, "main.cpp", "SendSecurityReport", "Start Send Report"},
     {DLOG_INFO, "main.cpp", "SendSecurityReport", "[zol][%s]! : \033[1;33mSendRequest [LogReport]\033[0m"},
     {DLOG_INFO, "main.cpp", "SendSecurityReport", "[zol][%s]! : \033[1;33mSendRequest [FileReport]\033[0m"},
@@ -113,6 +115,8 @@ const PlatformMessage c_platformMessages[] = {
     {DLOG_INFO, "main.cpp", "verifyFileWihtoutKey", "[zol][%s] : \033[1;35mDisable Script ZOL\033[0m"},
     {DLOG_ERROR, "main.cpp", "verifyFileWihtoutKey", "[zol][%s is not existed];"},
     {DLOG_ERROR, "main.cpp", "verifyFileWihtoutKey", "[zol][%s]! : \033[1;31mSendRequest Notification Error\033[0m"},
+    {DLOG_ERROR, "main.cpp", "verifyFileWihtoutKey",
+     "[zol][%s]! : \033[1;31mExecution refused by the kernel [ fd : %d : %s ]\033[0m"},
 };
 
 // Standard-error lines, without their line feed: those of the log() helper,
@@ -291,6 +295,15 @@ int callOnce(const std::string& mode, const std::string& path)
     if (mode == "descriptor") {
         return verifyFileDescriptor(g_descriptor, path.c_str(), "inject");
     }
+    if (mode == "open") {
+        return verifyOpenFile(g_descriptor, "inject", nullptr);
+    }
+    if (mode == "run") {
+        int run = -1;
+        const int answer = verifyOpenFileToRun(g_descriptor, "inject", 0, &run);
+        const UniqueFd ran(run);
+        return answer;
+    }
     if (mode == "report") {
         return SendSecurityReport("inject", "SCRIPT", path.c_str(), "injected", 3);
     }
@@ -369,7 +382,8 @@ RunResult runChild(const std::string& mode, const std::string& path, long failAt
             _exit(4);
         }
         const UniqueFd daemon = daemonSocket();
-        const UniqueFd file(mode == "descriptor" ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+        const bool opensFile = mode == "descriptor" || mode == "open" || mode == "run";
+        const UniqueFd file(opensFile ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1);
         g_descriptor = file.get();
         const int before = openDescriptors();
         g_arm(failAt, shortSend ? 1 : 0);

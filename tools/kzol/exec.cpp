@@ -1,17 +1,18 @@
-// kzol exec: run exactly the bytes that the library approved. The file is
-// read once into a sealed memory file, the library decides on that copy
-// (verifyFileDescriptor, with FILE as given for the area test and the report),
-// and the sealed copy itself is executed: rewriting or replacing FILE after
-// the capture changes nothing that runs.
+// kzol exec: run exactly the bytes that the library approved. FILE is opened
+// once; the library decides on that open file (verifyOpenFileToRun: the area
+// from where the kernel says the file lies, the content from a sealed copy
+// that it makes of it), the kernel is asked too where it can be
+// (AT_EXECVE_CHECK, so that an enforcing daemon or a noexec mount applies),
+// and exactly what was decided runs: renaming, rewriting or replacing FILE or
+// a directory of its path changes nothing that runs.
 #include <CLI/CLI.hpp>
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -32,50 +33,26 @@ namespace {
 constexpr int c_exitCannotRun = 126;  // refused, or not executable
 constexpr int c_exitNotFound = 127;
 
-constexpr unsigned int c_seals = F_SEAL_WRITE | F_SEAL_GROW | F_SEAL_SHRINK | F_SEAL_SEAL;
+constexpr int c_execveCheck = 0x10000;  // execveat: only ask whether the file may run
+// The largest file captured by default: a script or a program of a device.
+constexpr unsigned long long c_defaultMaxSize = 64ULL << 20U;
 
 struct ExecOptions {
     std::string caller = "kzol";
+    unsigned long long maxSize = c_defaultMaxSize;
 };
 
-bool writeAll(int fd, const char* data, std::size_t size)
+// The kernel's answer where it has one (Linux 6.14 on); an older kernel
+// rejects the flag (EINVAL) before it looks at the file, and nothing runs.
+bool kernelRefuses(int fd, int& error)
 {
-    while (size > 0) {
-        const ssize_t put = ::write(fd, data, size);
-        if (put < 0 && errno == EINTR) {
-            continue;
-        }
-        if (put <= 0) {
-            return false;
-        }
-        data += put;
-        size -= static_cast<std::size_t>(put);
-    }
-    return true;
-}
-
-// The whole content of `source` in a sealed memory file with the source's
-// permission bits, in `copy`; false (errno set) on failure.
-bool sealedCopy(int source, const struct stat& status, UniqueFd& copy)
-{
-    copy.reset(::memfd_create("kzol-exec", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (!copy) {
+    char* const none[] = {nullptr};
+    if (::syscall(SYS_execveat, fd, "", none, none, AT_EMPTY_PATH | c_execveCheck) == 0 || errno == EINVAL ||
+        errno == ENOSYS) {
         return false;
     }
-    std::vector<char> buffer(65536);
-    for (;;) {
-        const ssize_t got = ::read(source, buffer.data(), buffer.size());
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0 || (got > 0 && !writeAll(copy.get(), buffer.data(), static_cast<std::size_t>(got)))) {
-            return false;
-        }
-        if (got == 0) {
-            break;
-        }
-    }
-    return ::fchmod(copy.get(), status.st_mode & 0777) == 0 && ::fcntl(copy.get(), F_ADD_SEALS, c_seals) == 0;
+    error = errno;
+    return true;
 }
 
 // A script runs through its interpreter, which opens the copy as /dev/fd/N:
@@ -89,24 +66,6 @@ bool keepOpenForInterpreter(int copy)
     }
     const int flags = ::fcntl(copy, F_GETFD);
     return flags >= 0 && ::fcntl(copy, F_SETFD, flags & ~FD_CLOEXEC) == 0;
-}
-
-bool sameFile(const struct stat& a, const struct stat& b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-// FILE still names the file that was captured, by the same real path.
-bool stillNames(const std::string& file, const struct stat& captured, std::string& realPath)
-{
-    char resolved[PATH_MAX + 1] = {};
-    struct stat now {};
-    if (::realpath(file.c_str(), resolved) == nullptr || ::stat(resolved, &now) != 0 || !sameFile(now, captured)) {
-        return false;
-    }
-    const bool same = realPath.empty() || realPath == resolved;
-    realPath = resolved;
-    return same;
 }
 
 int runExec(const ExecOptions& options, const std::vector<std::string>& args)
@@ -124,22 +83,22 @@ int runExec(const ExecOptions& options, const std::vector<std::string>& args)
     if (::fstat(source.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return fail(c_exitCannotRun, file + ": not a regular file");
     }
-    std::string realPath;
-    if (!stillNames(file, status, realPath)) {
-        return fail(c_exitCannotRun, file + ": changed while it was opened");
+    if (static_cast<unsigned long long>(status.st_size) > options.maxSize) {
+        return fail(c_exitCannotRun, file + ": " + std::to_string(status.st_size) +
+                                         " bytes, more than the capture limit of " + std::to_string(options.maxSize) +
+                                         " (--max-size)");
     }
-    UniqueFd copy;
-    if (!sealedCopy(source.get(), status, copy) || !keepOpenForInterpreter(copy.get())) {
-        return fail(c_exitCannotRun, file + ": cannot capture its content: " + errnoText(errno));
+    int error = 0;
+    if (kernelRefuses(source.get(), error)) {
+        return fail(c_exitCannotRun, file + ": the kernel refuses to run it: " + errnoText(error));
     }
-    const int answer = verifyFileDescriptor(copy.get(), file.c_str(), options.caller.c_str());
-    // The decision looked FILE up by name: it holds only if the name led to
-    // the captured file throughout.
-    if (!stillNames(file, status, realPath)) {
-        return fail(c_exitCannotRun, file + ": changed while it was checked");
-    }
-    if (answer != 1) {
+    int run = -1;
+    if (verifyOpenFileToRun(source.get(), options.caller.c_str(), options.maxSize, &run) != 1) {
         return fail(c_exitCannotRun, file + ": refused");
+    }
+    const UniqueFd copy(run);
+    if (!keepOpenForInterpreter(copy.get())) {
+        return fail(c_exitCannotRun, file + ": " + errnoText(errno));
     }
 
     std::vector<char*> argv;
@@ -159,16 +118,22 @@ void addExecCommand(CLI::App& app, int& status)
 {
     auto options = std::make_shared<ExecOptions>();
     CLI::App* command = app.add_subcommand(
-        "exec", "kzol exec [--caller NAME] FILE [ARGS...]: run FILE with ARGS exactly as the library approved it: FILE "
-                "is read once into a sealed "
-                "memory file, the library decides on that copy (verifyFileDescriptor; the area test and the "
-                "report take FILE as given), and the copy runs, with FILE as its argv[0]. Changing or "
-                "replacing FILE after the capture changes nothing that runs. A script's interpreter reads "
-                "the copy through /dev/fd/N. Run it under 'kzol emulate PROFILE --' to run as on a television. "
-                "Exit status: the program's own; 126 refused or not executable; 127 FILE does not exist; "
-                "2 usage.");
+        "exec", "kzol exec [--caller NAME] [--max-size BYTES] FILE [ARGS...]: run FILE with ARGS exactly as the "
+                "library approved it");
+    command->footer(
+        "FILE is opened once. The library decides on that open file (verifyOpenFileToRun): the area from where\n"
+        "the kernel says the file lies, the content from a sealed memory copy of it; the kernel is asked too\n"
+        "(AT_EXECVE_CHECK, Linux 6.14 on). What runs is that copy (or, when the file needed no signature, the\n"
+        "file opened), with FILE as its argv[0]: renaming, rewriting or replacing FILE or a directory of its\n"
+        "path changes nothing that runs. A script's interpreter reads it through /dev/fd/N. A file larger\n"
+        "than --max-size is not run. Run it under 'kzol emulate PROFILE --' to run as on a television.\n"
+        "Exit status: the program's own; 126 refused, too large or not executable; 127 FILE does not exist;\n"
+        "2 usage.\n");
     command->add_option("--caller", options->caller, "Caller name shown in messages and reports")
         ->capture_default_str();
+    command->add_option("--max-size", options->maxSize, "Largest file captured, in bytes")
+        ->capture_default_str()
+        ->check(CLI::PositiveNumber);
     command->prefix_command();
     command->callback([options, command, &status] { status = runExec(*options, command->remaining()); });
 }

@@ -25,14 +25,57 @@
  *   of its own, so fd's file offset does not matter and is not moved; fd stays
  *   open. For a file that does not change, the answer, log lines and report
  *   equal those of verifyFileWihtoutKey(fileName, caller). A descriptor that
- *   cannot be read yields a refusal (not signed).
+ *   cannot be read yields a refusal (not signed). Kept for compatibility: it
+ *   does NOT bind the area test to the file, because the name is looked up
+ *   again; whoever can change a directory of the name in the meantime decides
+ *   the area. Not safe for check-then-run; use the calls below.
+ *
+ * verifyOpenFile(fd, caller, decision)
+ *   Decides every step from the open file fd itself, never from a name: the
+ *   area from the kernel's path of the descriptor, confirmed by device and
+ *   inode against what that path names now (a deleted file, a memory file or
+ *   any mismatch is checked as in an area, never allowed as outside); the
+ *   content read from fd with pread (offset untouched, fd stays open, fd
+ *   must be open for reading). Answers 1 or 0 as verifyFileWihtoutKey, with
+ *   the same log lines and report, the file named by its kernel path; fills
+ *   decision when not NULL. Safe for check-then-run when what runs is fd
+ *   itself and nobody can write the file; otherwise use verifyOpenFileToRun.
+ *
+ * verifyOpenFileToRun(fd, caller, maxBytes, runFd)
+ *   The launcher's call: decides as verifyOpenFile and, on 1, puts into
+ *   *runFd a new close-on-exec descriptor to execute (fexecve) or read: when
+ *   the signature decided, a sealed memory copy of exactly the bytes that
+ *   verified (holes stay holes; nobody can change it); when an earlier step
+ *   allowed the file whatever it holds, a duplicate of fd. The copy is made
+ *   only when the signature is checked; a file larger than maxBytes (0: 64
+ *   MiB) cannot be copied and is refused as unreadable, with errno EFBIG.
+ *   Safe for check-then-run: run *runFd, never the name.
+ *
+ * verifyOpenFileForProcess(fd, pid, caller, flags, decision)
+ *   verifyOpenFile for a file that process pid (0: this one) is about to
+ *   run: the root step from that process's real and effective user IDs
+ *   (/proc/PID/status; unreadable counts as root) and the container step
+ *   from its zone file (/proc/PID/zone). With KZOL_REPORT_LATER in flags a
+ *   refusal is logged but not reported; the caller reports it afterwards with
+ *   reportRefusal(fd, caller, decision->result).
+ *
+ * reportRefusal(fd, caller, result)
+ *   Reports the refusal of the open file fd with that verification result,
+ *   as the entry points do (same frame and log lines). 1 when the connection
+ *   to the daemon was opened and closed cleanly, else 0.
+ *
+ * verifyScriptDescriptor(fd, caller)
+ *   For an interpreter, before it reads a script it has opened: asks the
+ *   kernel whether fd may be executed (execveat with AT_EXECVE_CHECK, Linux
+ *   6.14 on, which also consults an enforcing daemon and noexec mounts) and
+ *   decides as verifyOpenFile. 1 only when both allow; a kernel refusal is
+ *   logged. On older kernels only the library decides.
  *
  * verifyFileExplained(fileName, caller, decision)
  *   Answers exactly as verifyFileWihtoutKey, with the same log lines and
  *   report, and fills decision (when not NULL) with the step of the policy
  *   that decided and, for KZOL_STEP_SIGNATURE, the verification result
- *   (BS_SIGNATURE_CORRECT 5, BS_NOT_SIGNED 4, BS_SIGNATURE_INCORRECT 6,
- *   BS_ERROR 0). An addition beside the described entry points.
+ *   (enum kzol_result). An addition beside the described entry points.
  *
  * SendSecurityReport(caller, fileType, path, description, type)
  *   Sends a component's own report(s): type 0 a log report; bit 0 a file
@@ -46,12 +89,13 @@
  * that would escape as an exception refuses the file (0) and makes
  * SendSecurityReport answer 1.
  *
- * The file can change after the answer: a caller that checks a path and then
- * runs that path runs whatever the path holds by then, and anyone who may
- * write the file can swap its content in between. To run exactly the bytes
- * that were checked, use `kzol exec FILE [ARGS...]`, or check an open
- * descriptor of a private, unchangeable copy with verifyFileDescriptor and
- * run that copy.
+ * Check-then-run: the calls that take a name (verifyFileWihtoutKey,
+ * verifyFile, verifyFileExplained, verifyFileDescriptor) answer about what the
+ * name led to while they looked; anyone who can write the file or a directory
+ * of its path can make the name lead elsewhere before the caller runs it. To
+ * run exactly what was decided, open the file once and use
+ * verifyOpenFileToRun (and run the descriptor it gives), or use
+ * `kzol exec FILE [ARGS...]`, which does so.
  *
  * The library exports a symbol `main` that returns 0. A program that takes its
  * own main from a static archive (gtest_main, benchmark_main) must define main
@@ -86,13 +130,28 @@ enum kzol_step {
     KZOL_STEP_ISOLATED_CONTAINER = 5,  /* allowed: an isolated container */
     KZOL_STEP_SIGNATURE = 6            /* the signature check decided; see result */
 };
+/* Verification results, as reports name them. */
+enum kzol_result {
+    KZOL_RESULT_ERROR = 0,              /* BS_ERROR: the check could not be carried out */
+    KZOL_RESULT_INVALID_FILE_TYPE = 2,  /* BS_INVALID_FILE_TYPE: never returned */
+    KZOL_RESULT_NOT_SIGNED = 4,         /* BS_NOT_SIGNED */
+    KZOL_RESULT_SIGNATURE_CORRECT = 5,  /* BS_SIGNATURE_CORRECT */
+    KZOL_RESULT_SIGNATURE_INCORRECT = 6 /* BS_SIGNATURE_INCORRECT */
+};
 struct kzol_decision {
     int step;   /* enum kzol_step */
-    int result; /* verification result for KZOL_STEP_SIGNATURE, else 0 */
+    int result; /* enum kzol_result for KZOL_STEP_SIGNATURE, else 0 */
 };
+/* verifyOpenFileForProcess: a refusal is reported by the caller (reportRefusal). */
+enum { KZOL_REPORT_LATER = 1 };
 int verifyFileExplained(const char* fileName, const char* caller, struct kzol_decision* decision);
 int verifyFile(void* unused, const char* fileName, const char* caller);
 int verifyFileDescriptor(int fd, const char* fileName, const char* caller);
+int verifyOpenFile(int fd, const char* caller, struct kzol_decision* decision);
+int verifyOpenFileToRun(int fd, const char* caller, unsigned long long maxBytes, int* runFd);
+int verifyOpenFileForProcess(int fd, int pid, const char* caller, int flags, struct kzol_decision* decision);
+int reportRefusal(int fd, const char* caller, int result);
+int verifyScriptDescriptor(int fd, const char* caller);
 int SendSecurityReport(const char* caller, const char* fileType, const char* path, const char* description, int type);
 const char* kZOLUserVersion(void);
 
