@@ -253,20 +253,27 @@ TEST_F(Enforce, AFileChangedAfterAnAllowedRunIsDecidedAgain)
 
 // The worker that read an execution's event dies before it answers: the
 // supervisor denies the event, starts a new worker, and enforcement goes on.
+// The worker is held inside its decision by a device file that never answers
+// (the profile's modules file, a FIFO without a writer).
 TEST_F(Enforce, AWorkerKilledWithAnExecutionPendingDeniesIt)
 {
     const std::string good = file("good.sh", sign(c_script));
-    Enforcer enforcer(profile(""), m_area);
+    const std::string dir = profile("");
+    const std::string modules = readFile(dir + "/modules");
+    ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
+    ASSERT_EQ(mkfifo((dir + "/modules").c_str(), 0644), 0);
+    Enforcer enforcer(dir, m_area);
     const pid_t worker = enforcer.worker();
     ASSERT_GT(worker, 0);
-    ASSERT_EQ(kill(worker, SIGSTOP), 0);
     int status = -2;
     std::thread pending([&] { status = attempt(good); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(status, -2) << "the execution did not wait for the stopped worker";
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(status, -2) << "the execution did not wait for the worker's decision";
     ASSERT_EQ(kill(worker, SIGKILL), 0);
     pending.join();
     EXPECT_EQ(status, c_denied);
+    ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
+    writeFile(dir + "/modules", modules);
     EXPECT_EQ(attempt(good), 0);  // a new worker decides
     EXPECT_NE(enforcer.worker(), worker);
 }

@@ -116,8 +116,7 @@ int runEnforce(const EnforceOptions& options)
             return fail("enforce: " + error);
         }
     }
-    std::cout << "kzol enforce: ready" << std::endl;
-    return superviseWorkers(group.get(), options.workers);
+    return superviseWorkers(group.get(), options.workers, [] { std::cout << "kzol enforce: ready" << std::endl; });
 }
 
 }  // namespace

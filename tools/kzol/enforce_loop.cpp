@@ -27,15 +27,6 @@ namespace {
 const char* const c_caller = "kzol-enforce";
 constexpr std::size_t c_cacheEntries = 4096;
 
-// The kernel's path of descriptor `fd` (a deleted file keeps its " (deleted)").
-std::string kernelPath(int fd)
-{
-    const std::string link = "/proc/self/fd/" + std::to_string(fd);
-    char path[PATH_MAX + 1];
-    const ssize_t n = ::readlink(link.c_str(), path, sizeof(path) - 1);
-    return n > 0 ? std::string(path, static_cast<std::size_t>(n)) : link;
-}
-
 // A queue between threads; pop waits until an item comes or the queue closes.
 template <typename T> class WorkQueue {
 public:
@@ -215,18 +206,24 @@ bool answerEvent(int group, int fd, bool allow)
     }
 }
 
-// The decision until the library decides on the executing process itself: the
-// descriptor's content, the area from the kernel's path of the descriptor,
-// the root and container steps from this process (reported by the call).
-Verdict decideOnEvent(int fd, pid_t /*pid*/)
+// The library's object-bound decision: the area from the opened file itself,
+// the root and container steps from the executing process, the content from
+// the descriptor. A refusal by the signature step is reported afterwards, off
+// the path of the answer.
+Verdict decideOnEvent(int fd, pid_t pid)
 {
+    kzol_decision decision{KZOL_STEP_FAILURE, 0};
     Verdict verdict;
-    verdict.allow = verifyFileDescriptor(fd, kernelPath(fd).c_str(), c_caller) == 1;
+    verdict.allow = verifyOpenFileForProcess(fd, pid, c_caller, KZOL_REPORT_LATER, &decision) == 1;
+    verdict.cacheable = verdict.allow && decision.step == KZOL_STEP_SIGNATURE;
+    verdict.reportLater = !verdict.allow && decision.step == KZOL_STEP_SIGNATURE;
+    verdict.result = decision.result;
     return verdict;
 }
 
-void reportRefusalLater(int /*fd*/, int /*result*/)
+void reportRefusalLater(int fd, int result)
 {
+    (void)reportRefusal(fd, c_caller, result);
 }
 
 int runEventLoop(int group, unsigned int workers, EnforceProgress& progress)

@@ -95,7 +95,7 @@ std::string endText(int status)
 
 }  // namespace
 
-int superviseWorkers(int group, unsigned int workers)
+int superviseWorkers(int group, unsigned int workers, const std::function<void()>& started)
 {
     const SharedProgress shared;
     if (shared.get() == nullptr) {
@@ -110,6 +110,7 @@ int superviseWorkers(int group, unsigned int workers)
     (void)::sigprocmask(SIG_BLOCK, &wanted, nullptr);
 
     pid_t worker = startWorker(group, workers, progress);
+    started();
     for (;;) {
         const timespec pause{0, c_pollNs};
         const int signal = ::sigtimedwait(&wanted, nullptr, &pause);

@@ -7,10 +7,13 @@
 // not yet read wait in the group's queue for the next worker.
 #pragma once
 
+#include <functional>
+
 namespace kzol {
 
-// Runs until SIGTERM or SIGINT, which the caller has blocked; answers the
-// exit status. Events left pending at the end are denied.
-int superviseWorkers(int group, unsigned int workers);
+// Runs until SIGTERM or SIGINT, which the caller has blocked; calls `started`
+// once the first worker runs; answers the exit status. Events left pending at
+// the end are denied.
+int superviseWorkers(int group, unsigned int workers, const std::function<void()>& started);
 
 }  // namespace kzol
