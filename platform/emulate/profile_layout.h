@@ -17,7 +17,7 @@
     "Profile layout (every file optional, read afresh at each access):\n"                                              \
     "  modules                what fopen(\"/proc/modules\") reads; a line starting \"micom \"\n"                       \
     "                         makes the device a television\n"                                                         \
-    "  zone                   what fopen(\"/proc/self/zone\") and fopen(\"/proc/PID/zone\") read:\n"                 \
+    "  zone                   what fopen(\"/proc/self/zone\") and fopen(\"/proc/PID/zone\") read:\n"                   \
     "                         \"LEVEL TYPE\" (type 1 = isolated container)\n"                                          \
     "  uid                    getuid()/geteuid(), and the Uid line of /proc/PID/status: \"RUID\n"                      \
     "                         EUID\" or one ID for both; without it, the process's own IDs\n"                          \
