@@ -18,7 +18,8 @@
 //   descriptor/open_file/N   verifyOpenFile on the same open file (area test
 //                            from the open file itself)
 //
-// All are timed in elapsed time: reports wait for the listener.
+// All but the descriptor family are timed in elapsed time: reports wait for
+// the listener.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/socket.h>

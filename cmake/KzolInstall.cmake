@@ -18,9 +18,12 @@ install(TARGETS kZOLUser kzol_platform_headers EXPORT kZOLUserTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development
   INCLUDES DESTINATION ${KZOL_INCLUDE_DEST})
 install(FILES app/kZOLUser/include/kZOLUser.h DESTINATION ${KZOL_INCLUDE_DEST} COMPONENT Development)
+# The class headers, and every header they include (block_layout.h comes with
+# signature.h): each compiles on its own in a consumer (tests/check_install.sh).
 install(FILES
-  libbs/src/bs_context.h libbs/src/signature.h libbs/src/string_utils.h libbs/src/verify_context.h
-  libbs/src/UnixSocket.h libbs/src/securezone_context.h libbs/src/handles.h app/kZOLUser/src/main.h
+  libbs/src/bs_context.h libbs/src/signature.h libbs/src/block_layout.h libbs/src/string_utils.h
+  libbs/src/verify_context.h libbs/src/UnixSocket.h libbs/src/securezone_context.h libbs/src/handles.h
+  app/kZOLUser/src/main.h
   DESTINATION ${KZOL_INCLUDE_DEST}/internal COMPONENT Development)
 install(DIRECTORY platform/include/ DESTINATION ${KZOL_INCLUDE_DEST}/platform COMPONENT Development)
 

@@ -6,6 +6,9 @@
 #  - a full install: kzol --version, man kzol, both consumer builds; each
 #    consumer allows a file outside the user areas (1), refuses a missing one
 #    (0) and, on an emulated television, refuses an unsigned script (0);
+#  - every installed header compiles on its own: one consumer translation unit
+#    per header, that header alone, with the flags pkg-config gives (C headers
+#    as C and as C++, the class headers as C++17);
 #  - no file of the full install carries a platform library's name in <libdir>;
 #  - a device-only install (component Runtime) holds the library and nothing else.
 set -euo pipefail
@@ -57,7 +60,28 @@ cp "$source/tests/consumer/consumer.c" "$work/cm/app.c"
 block pkg-config > "$work/pc/build.sh"
 [[ -s "$work/pc/build.sh" ]] || fail "no pkg-config example in the README"
 (cd "$work/pc" && bash -e build.sh >/dev/null) || fail "the README's pkg-config example does not build"
-[[ "$(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --modversion kzol)" == "$expected" ]] || fail "kzol.pc version"
+pkgconfig() { PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config "$@" kzol; }
+[[ "$(pkgconfig --modversion)" == "$expected" ]] || fail "kzol.pc version"
+
+includedir=$(pkgconfig --variable=includedir)
+mapfile -t headers < <(cd "$includedir" && find . -name '*.h' | sed 's|^\./||' | sort)
+[[ ${#headers[@]} -gt 2 ]] || fail "no headers under $includedir"
+mkdir "$work/headers"
+broken=()
+for header in "${headers[@]}"; do
+  unit=$work/headers/${header//\//_}
+  printf '#include <%s>\n' "$header" > "$unit.cpp"
+  # shellcheck disable=SC2046  # the flags are words
+  compiled=$("${CXX:-c++}" -std=c++17 -Wall -Wextra -Werror $(pkgconfig --cflags) -c "$unit.cpp" -o "$unit.o" 2>&1) \
+    || broken+=("$header (C++): $compiled")
+  if [[ $header != internal/* ]]; then
+    cp "$unit.cpp" "$unit.c"
+    # shellcheck disable=SC2046
+    compiled=$("${CC:-cc}" -std=c99 -Wall -Wextra -Werror $(pkgconfig --cflags) -c "$unit.c" -o "$unit.c.o" 2>&1) \
+      || broken+=("$header (C): $compiled")
+  fi
+done
+[[ ${#broken[@]} -eq 0 ]] || fail "installed headers that do not compile on their own:$(printf '\n  %s' "${broken[@]}")"
 
 { printf 'cmake_minimum_required(VERSION 3.25)\nproject(app C)\n'; block cmake; } > "$work/cm/CMakeLists.txt"
 [[ $(wc -l < "$work/cm/CMakeLists.txt") -gt 2 ]] || fail "no CMake example in the README"
@@ -75,4 +99,4 @@ cmake --install "$build" --prefix "$device" --component Runtime >/dev/null
 found=$(cd "$device" && find . -type f -o -type l | sort)
 if grep -E "$platform_names|kzol|include|pkgconfig|cmake" <<<"$found"; then fail "the device install holds more than the library"; fi
 grep -q 'libkZOLUser\.so\.1$' <<<"$found" || fail "the device install lacks libkZOLUser.so.1: $found"
-echo "install: full and device-only installs as documented"
+echo "install: full and device-only installs as documented; ${#headers[@]} headers compile on their own"

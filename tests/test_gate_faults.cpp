@@ -1,10 +1,8 @@
-// The two policy steps that fail open under faults, on an emulated
-// television: a /proc/modules that exists but cannot be opened or read, and
-// an existing file whose real path cannot be resolved. The default build
+// The television test, and the two policy steps that fail open under faults,
+// on an emulated television: a /proc/modules that exists but cannot be opened
+// or read, and an existing file whose real path cannot be resolved. The default build
 // keeps the described answers (the file runs unchecked); the KZOL_FAIL_CLOSED
 // build holds the gate. Every row states both answers.
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,55 +22,46 @@ namespace {
 constexpr bool c_failClosed = KZOL_FAIL_CLOSED != 0;
 const std::string c_script = "#!/bin/sh\necho unsigned\n";
 
-std::string refusal(const std::string& path)
-{
-    return frame(reportText(1, "loader", "SCRIPT",
-                            "ver:\"1\",subject:\"" + path + "\",object:\"loader\",result:\"BS_NOT_SIGNED\",", path));
-}
-
-// The profile's "modules" made unreadable in one way or another.
-enum class Modules { missing, loop, directory };
-
-void makeModules(const DeviceProfile& device, Modules kind)
-{
-    const std::string path = device.path() + "/modules";
-    std::filesystem::remove(path);
-    if (kind == Modules::loop) {
-        ASSERT_EQ(symlink(path.c_str(), path.c_str()), 0);  // ELOOP on open, also for root
-    } else if (kind == Modules::directory) {
-        ASSERT_EQ(mkdir(path.c_str(), 0700), 0);  // opens, and every read fails with EISDIR
-    }
-}
-
 }  // namespace
 
-TEST(GateFaults, UnreadableModules)
+// The television test reads /proc/modules in five-character pieces; one that
+// exists but cannot be opened or read fails open in the default build.
+TEST(GateFaults, ModulesFile)
 {
     const TempDir dir("/tmp");
     const std::string file = std::filesystem::canonical(dir.path()).string() + "/unsigned.sh";
     writeFile(file, c_script);
     struct Row {
         const char* name;
-        Modules modules;
-        bool television;  // IsDTV's answer, and whether the file is then checked
-        Lines lines;      // IsDTV's lines
+        const char* modules;  // null: none, or made by `make` (a link to itself fails to open for root too)
+        bool television;      // IsDTV's answer, and whether the file is then checked
+        Lines lines;          // IsDTV's lines
+        int (*make)(const char* path) = nullptr;
     };
     const Row rows[] = {
-        {"no /proc/modules: not a television in both builds", Modules::missing, false, {c_noModulesLine}},
-        {"cannot be opened (ELOOP)", Modules::loop, c_failClosed, {c_noModulesLine}},
-        {"opened, read fails (EISDIR)", Modules::directory, c_failClosed, {}},
+        {"a name that begins so", "sdp_gpio 16384 0 - Live 0x0\nmicom_drv 1236992 0 - Live 0x0\n", true, {}},
+        {"at position 4", "1234micom\n", false, {}},
+        {"at position 5", "abcdemicom 1 0\n", true, {}},
+        {"no /proc/modules: not a television in both builds", nullptr, false, {c_noModulesLine}},
+        {"cannot be opened (ELOOP)",
+         nullptr,
+         c_failClosed,
+         {c_noModulesLine},
+         [](const char* m) { return symlink(m, m); }},
+        {"opened, every read fails (EISDIR)", nullptr, c_failClosed, {}, [](const char* m) { return mkdir(m, 0700); }},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        const DeviceProfile device;
-        ASSERT_NO_FATAL_FAILURE(makeModules(device, row.modules));
+        DeviceProfile device;
+        device.set("modules", row.modules);
+        ASSERT_EQ(row.make ? row.make((device.path() + "/modules").c_str()) : 0, 0);
         clearLog();
         EXPECT_EQ(IsDTV(), row.television);
         EXPECT_EQ(loggedLines(), row.lines);
 
         DaemonListener daemon;
         EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), "loader"), row.television ? 0 : 1);
-        EXPECT_EQ(daemon.drain(), row.television ? Lines{refusal(file)} : Lines{});
+        EXPECT_EQ(daemon.drain(), row.television ? Lines{refusalFrame(file)} : Lines{});
     }
 }
 
@@ -108,7 +97,7 @@ TEST(GateFaults, RealPathBeyondTheLongestPath)
         EXPECT_EQ(verifyFileWihtoutKey("run.sh", "loader"), row.answer);
         EXPECT_EQ(loggedLines().at(0),
                   errorLine("bs_context.cpp", "checkFileIsInRWUser", "realpath() error : File name too long;"));
-        EXPECT_EQ(daemon.drain(), row.reported ? Lines{refusal("run.sh")} : Lines{});
+        EXPECT_EQ(daemon.drain(), row.reported ? Lines{refusalFrame("run.sh")} : Lines{});
         // The default build asks nothing of the device about such a file.
         EXPECT_EQ(device.takeTrace().empty(), !c_failClosed);
     }

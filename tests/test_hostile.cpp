@@ -1,7 +1,5 @@
 // Files a hostile user can leave in a user-writable area: each gets a definite
 // answer in bounded time from the exported entry point on a television.
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -34,12 +32,6 @@ int answerOf(const std::string& path)
         std::_Exit(1);
     }
     return call.get();
-}
-
-std::string refusal(const std::string& path)
-{
-    return frame(reportText(1, "loader", "SCRIPT",
-                            "ver:\"1\",subject:\"" + path + "\",object:\"loader\",result:\"BS_NOT_SIGNED\",", path));
 }
 
 }  // namespace
@@ -99,7 +91,7 @@ TEST(HostileFiles, DefiniteAnswers)
         StderrCapture err;
         EXPECT_EQ(answerOf(c.path), c.answer) << c.name;
         EXPECT_EQ(err.finish().substr(0, c.err.size()), c.err) << c.name;
-        EXPECT_EQ(daemon.drain(), c.reported ? Lines{refusal(c.path)} : Lines{}) << c.name;
+        EXPECT_EQ(daemon.drain(), c.reported ? Lines{refusalFrame(c.path)} : Lines{}) << c.name;
     }
 }
 

@@ -1,46 +1,65 @@
 // The kzol verify, check, listen and report commands, run as programs. The
 // test program has a network namespace of its own (inherited by the commands
 // it starts), so its listeners hold the daemon's name without meeting a real one.
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
+#include <chrono>
 #include <future>
+#include <thread>
 
 #include "daemon.h"
 
 using namespace kzol_test;
 
-// `kzol listen ARGS` in the background, its standard error in a file;
-// `timeout` ends it with one SIGTERM after `seconds` (and kills it 10 seconds
-// later) and answers its own status. (Without --foreground, timeout would
-// signal its whole process group again, and SIGCONT after it: signals that
-// can reach the listener while it exits, and the ASan build's leak check
-// that runs then.) `listening` tells whether it held the
-// name within 10 seconds of the start.
+// `kzol listen ARGS` in the background, its standard output and error in
+// files; `timeout` ends it with one SIGTERM after `seconds` (and kills it 10
+// seconds later) and answers its own status. (Without --foreground, timeout
+// would signal its whole process group again, and SIGCONT after it: signals
+// that can reach the listener while it exits, and the ASan build's leak check
+// that runs then.) `listening` tells whether it held the name within 30
+// seconds of the start.
 struct Listener {
     explicit Listener(const std::string& args, int seconds = 60)
     {
         status = std::async(std::launch::async, [this, args, seconds] {
             return run("timeout --foreground --preserve-status -k 10 " + std::to_string(seconds) + " " +
-                           shq(KZOL_TOOL) + " listen " + args + " </dev/null 2>" + shq(errors),
-                       &printed);
+                       shq(KZOL_TOOL) + " listen " + args + " </dev/null >" + shq(output) + " 2>" + shq(errors));
         });
-        listening = run("for i in $(seq 1000); do grep -qs 'listening on SfDaemon/UserMsg' " + shq(errors) +
-                        " && exit 0; sleep 0.01; done; exit 1") == 0;
+        listening = shows(errors, "listening on SfDaemon/UserMsg", 1, 30.0);
     }
     int finish() { return status.valid() ? status.get() : -1; }
     std::string err() const { return readFile(errors); }
     // The reports printed (once it finished), their sequence numbers written as SEQ.
-    std::string out()
+    std::string out() const
     {
+        std::string printed = readFile(output);
         const std::string key = "\"Report/ReportSeq\":\"";
         for (auto at = printed.find(key); at != std::string::npos; at = printed.find(key, at + 1)) {
             printed.replace(at + key.size(), printed.find('"', at + key.size()) - at - key.size(), "SEQ");
         }
         return printed;
     }
+    // Whether `file` holds `text` `times` times within `seconds`.
+    static bool shows(const std::string& file, const std::string& text, int times, double seconds)
+    {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+        do {
+            const std::string now = readFile(file);
+            int found = 0;
+            for (auto at = now.find(text); at != std::string::npos; at = now.find(text, at + 1)) {
+                ++found;
+            }
+            if (found >= times) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        } while (std::chrono::steady_clock::now() < end);
+        return false;
+    }
     const TempDir dir;
-    const std::string errors = dir.file("errors");
-    std::string printed;
+    const std::string output = dir.file("output"), errors = dir.file("errors");
     std::future<int> status;
     bool listening = false;
 };
@@ -82,50 +101,98 @@ TEST(KzolReport, ReportsReachTheListener)
     EXPECT_EQ(message, "");
 }
 
-// Each peer is followed by a good report, which the listener still prints.
-TEST(KzolListen, HostilePeersDoNotStopIt)
+// A peer of the listener: connected, `bytes` sent, its sending side shut when `closes`.
+static UniqueFd peer(const std::string& bytes, bool closes = false)
 {
-    struct Case {
-        std::string bytes;
-        bool keepOpen;
-        std::string printed;
-        const char* says;
-    };  // printed: of the peer
-    const char* const incomplete = "connection ended without a complete frame";
-    const std::vector<Case> cases = {
-        {prefix(0xFFFFFFFFu) + "{}", false, "", incomplete},
-        {"GET / HTTP/1.0\r\n\r\n", false, "", incomplete},
-        {frame(std::string(100000, '[')) + frame("{\"n\": 1}"), false, "{\"n\":1}\n",
-         "frame of 100000 bytes is not JSON: [[["},
-        {"", true, "", "peer sent nothing within 300 ms; dropped"},
-        {prefix(50) + "{\"a\"", true, "", "peer did not complete a frame within 300 ms"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.says);
-        // Only the peers that stay open meet the short deadline; a closing one
-        // must be told apart however slow the build (a sanitizer's allocator
-        // takes its time over the 542 MB that "GET " asks for).
-        Listener listener("--json-lines --receive-timeout " + std::string(c.keepOpen ? "300" : "20000") + " --count " +
-                          (c.printed.empty() ? "1" : "2"));
-        ASSERT_TRUE(listener.listening) << listener.err();
-        const UniqueFd peer = abstractSocket("SfDaemon/UserMsg", false);
-        ASSERT_EQ(send(peer.get(), c.bytes.data(), c.bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(c.bytes.size()));
-        ASSERT_TRUE(c.keepOpen || shutdown(peer.get(), SHUT_WR) == 0);
-        EXPECT_EQ(kzol("report --caller good --type 1"), 0);
-        EXPECT_EQ(listener.finish(), 0) << listener.err();
-        EXPECT_EQ(listener.out(), c.printed + reportLine(1, "good"));
-        EXPECT_NE(listener.err().find(std::string("kzol listen: ") + c.says), std::string::npos) << listener.err();
-    }
+    UniqueFd socket = abstractSocket("SfDaemon/UserMsg", false);
+    EXPECT_EQ(send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+    EXPECT_TRUE(!closes || shutdown(socket.get(), SHUT_WR) == 0);
+    return socket;
 }
 
-TEST(KzolListen, SigtermEndsItInsideAFrame)
+// A field of /proc/PID/status, in kB.
+static long statusKb(pid_t pid, const std::string& field)
 {
-    Listener listener("--receive-timeout 60000", 6);
+    const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+    const auto at = status.find("\n" + field + ":");
+    return at == std::string::npos ? -1 : std::stol(status.substr(at + field.size() + 2));
+}
+
+// Hostile peers all at once beside a real report: each is dropped with its
+// reason and counted, none holds the report up, the listener's memory does not
+// follow what peers declare or send, and SIGTERM inside a frame ends it cleanly.
+TEST(KzolListen, HostilePeersAreDroppedAndHoldUpNoReport)
+{
+    Listener listener("--json-lines --receive-timeout 4000 --max-connections 32");
     ASSERT_TRUE(listener.listening) << listener.err();
-    const UniqueFd peer = abstractSocket("SfDaemon/UserMsg", false);
-    const std::string partial = prefix(50) + "{";  // keeps the listener waiting inside a frame
-    ASSERT_EQ(send(peer.get(), partial.data(), partial.size(), MSG_NOSIGNAL), 5);
+    struct ucred listenerProcess {};
+    socklen_t size = sizeof(listenerProcess);
+    ASSERT_EQ(getsockopt(peer("").get(), SOL_SOCKET, SO_PEERCRED, &listenerProcess, &size), 0);
+    const pid_t pid = listenerProcess.pid;
+    const long peakKb = statusKb(pid, "VmPeak"), residentKb = statusKb(pid, "VmHWM");
+    std::vector<UniqueFd> peers;
+
+    // Peers that send and close, and what the listener says of each.
+    const std::vector<std::pair<std::string, const char*>> closing = {
+        {prefix(2) + "{}x", "sent a frame of 2 bytes without its terminating zero byte; dropped"},
+        {prefix(50) + "{\"a\"", "closed the connection inside a frame; dropped"},
+        {frame(std::string(60000, '[')), "frame of 60000 bytes is not JSON: [[["},
+        {frame("[1]"), "frame of 3 bytes is JSON but not an object: [1]"},
+    };
+    for (const auto& [bytes, says] : closing) {
+        peers.push_back(peer(bytes, true));
+        EXPECT_TRUE(Listener::shows(listener.errors, says, 1, 20.0)) << says << "\n" << listener.err();
+    }
+    // Nearly 2 GiB declared, then up to 64 MiB sent, as far as the listener takes them.
+    peers.push_back(peer(prefix(0x7FFFFFFEU)));
+    const timeval sendLimit{5, 0};
+    ASSERT_EQ(setsockopt(peers.back().get(), SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof(sendLimit)), 0);
+    auto flood = std::async(std::launch::async, [fd = peers.back().get()] {
+        const std::string mebibyte(1 << 20, 'x');
+        for (int i = 0; i < 64 && send(fd, mebibyte.data(), mebibyte.size(), MSG_NOSIGNAL) > 0; ++i) {}
+    });
+    EXPECT_TRUE(Listener::shows(listener.errors,
+                                "declared a frame of 2147483646 bytes, over the limit of 65536; dropped", 1, 20.0))
+        << listener.err();
+
+    // Forty silent peers (the ten oldest make room for the last two below)
+    // and one that sends a frame a byte a second.
+    for (int i = 0; i < 40; ++i) {
+        peers.push_back(peer(""));
+    }
+    peers.push_back(peer(""));
+    auto trickle = std::async(std::launch::async, [fd = peers.back().get()] {
+        const std::string bytes = frame("{\"slow\":1}");
+        for (std::size_t i = 0; i < bytes.size() && send(fd, &bytes[i], 1, MSG_NOSIGNAL) == 1; ++i) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    });
+    const auto sent = std::chrono::steady_clock::now();
+    peers.push_back(peer(frame(reportText(1, "good", "", "", "")), true));
+    EXPECT_TRUE(Listener::shows(listener.output, "\"good\"", 1, 30.0));
+    EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::milliseconds(2000));
+
+    const std::vector<std::pair<const char*, int>> deadlines = {
+        {"making room for a new one; dropped", 10},
+        {"sent nothing within 4000 ms; dropped", 30},
+        {"did not complete a frame within 4000 ms; dropped", 1},
+    };
+    for (const auto& [says, times] : deadlines) {
+        EXPECT_TRUE(Listener::shows(listener.errors, says, times, 20.0)) << says << "\n" << listener.err();
+    }
+    // What the listener holds beyond its start: its frames, a few kB each.
+    EXPECT_LT(statusKb(pid, "VmPeak") - peakKb, 32 * 1024);
+    EXPECT_LT(statusKb(pid, "VmHWM") - residentKb, 32 * 1024);
+
+    peers.push_back(peer(prefix(50) + "{"));
+    ASSERT_EQ(kill(pid, SIGTERM), 0);
     EXPECT_EQ(listener.finish(), 0) << listener.err();
+    EXPECT_EQ(listener.out(), reportLine(1, "good"));
+    EXPECT_NE(listener.err().find("kzol listen: 1 report printed, 2 frames refused, 44 connections dropped (30 sent "
+                                  "nothing in time, 1 stalled inside a frame, 1 frame too long, 1 unterminated "
+                                  "frame, 1 ended inside a frame, 10 over the connection limit)\n"),
+              std::string::npos)
+        << listener.err();
 }
 
 TEST(KzolVerify, PrintsTheLibrarysResult)

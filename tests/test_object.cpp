@@ -37,12 +37,6 @@ constexpr bool c_failClosed = KZOL_FAIL_CLOSED != 0;
 const std::string c_inside = "#!/bin/sh\necho INSIDE-UNSIGNED\n";
 const std::string c_outside = "#!/bin/sh\necho OUTSIDE\n";
 
-std::string refusal(const std::string& path, const char* result = "BS_NOT_SIGNED")
-{
-    return frame(reportText(1, "loader", "SCRIPT",
-                            "ver:\"1\",subject:\"" + path + "\",object:\"loader\",result:\"" + result + "\",", path));
-}
-
 std::string canonical(const std::string& path)
 {
     return std::filesystem::canonical(path).string();
@@ -116,12 +110,12 @@ TEST(ObjectBound, DoorsOfTheDecisionByName)
         const std::string byName = "/proc/self/fd/" + std::to_string(fd.get());
         DaemonListener daemon;
         EXPECT_EQ(verifyFileWihtoutKey(byName.c_str(), "loader"), c_failClosed ? 0 : 1);
-        EXPECT_EQ(daemon.drain(), c_failClosed ? Lines{refusal(byName)} : Lines{});
+        EXPECT_EQ(daemon.drain(), c_failClosed ? Lines{refusalFrame(byName)} : Lines{});
         kzol_decision decision{};
         EXPECT_EQ(verifyOpenFile(fd.get(), "loader", &decision), 0);
         EXPECT_EQ(decision.step, KZOL_STEP_SIGNATURE);
         EXPECT_EQ(decision.result, KZOL_RESULT_NOT_SIGNED);
-        EXPECT_EQ(daemon.drain(), Lines{refusal(row.reportedPath)});
+        EXPECT_EQ(daemon.drain(), Lines{refusalFrame(row.reportedPath)});
     }
 }
 
@@ -155,7 +149,7 @@ TEST(ObjectBound, ExcludedDirectoryMadeByAnotherUser)
         EXPECT_EQ(verifyFileWihtoutKey(script.c_str(), "loader"), row.answer);
         const UniqueFd fd(open(script.c_str(), O_RDONLY | O_CLOEXEC));
         EXPECT_EQ(verifyOpenFile(fd.get(), "loader", nullptr), row.answer);
-        EXPECT_EQ(daemon.drain(), row.answer == 1 ? Lines() : Lines(2, refusal(script)));
+        EXPECT_EQ(daemon.drain(), row.answer == 1 ? Lines() : Lines(2, refusalFrame(script)));
         std::filesystem::remove_all(base);
     }
 }
@@ -202,19 +196,17 @@ TEST(ObjectBound, AbsurdSignatureTexts)
         clearLog();
         StderrCapture capture;
         EXPECT_EQ(verifyFileWihtoutKey(file.c_str(), "loader"), 0);
-        Lines lines = loggedLines();
-        const std::string expectedLast =
-            std::string(row.result) == "BS_ERROR" ? std::string() : checkLine("Incorrect Signed", file);
+        const bool error = std::string(row.result) == "BS_ERROR";
         Lines expected = row.lines;
-        if (!expectedLast.empty()) {
-            expected.push_back(expectedLast);
+        if (!error) {
+            expected.push_back(checkLine("Incorrect Signed", file));
         }
+        const Lines lines = loggedLines();
         ASSERT_GE(lines.size(), expected.size());
         EXPECT_EQ(Lines(lines.end() - static_cast<long>(expected.size()), lines.end()), expected);
-        EXPECT_EQ(daemon.drain(), Lines{refusal(file, row.result)});
-        EXPECT_EQ(capture.finish(), std::string(row.result) == "BS_ERROR"
-                                        ? "[zol][loader] : error during signature check [ file_path : " + file + " ]\n"
-                                        : "");
+        EXPECT_EQ(daemon.drain(), Lines{refusalFrame(file, row.result)});
+        EXPECT_EQ(capture.finish(),
+                  error ? "[zol][loader] : error during signature check [ file_path : " + file + " ]\n" : "");
         // The library itself takes some 40 KiB; the rest of the bound leaves room for
         // what an emulator of another processor translates on the way.
         EXPECT_LT(peakKiB() - before, 32768) << "the text was read into memory";
@@ -274,7 +266,7 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
         pollfd entry{readEnd.get(), POLLIN, 0};
         const ssize_t got = poll(&entry, 1, 0) == 1 ? read(readEnd.get(), bytes.data(), bytes.size()) : 0;
         bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        EXPECT_EQ(bytes, c_failClosed ? "" : refusal(script));
+        EXPECT_EQ(bytes, c_failClosed ? "" : refusalFrame(script));
         const Lines lines = loggedLines();
         const bool refusedListener =
             std::find(lines.begin(), lines.end(),
@@ -404,6 +396,6 @@ TEST(ObjectBound, ScriptDescriptor)
         const UniqueFd fd(open(script.c_str(), O_RDONLY | O_CLOEXEC));
         DaemonListener daemon;
         EXPECT_EQ(verifyScriptDescriptor(fd.get(), "loader"), row.answer);
-        EXPECT_EQ(daemon.drain(), row.content == c_inside ? Lines{refusal(script)} : Lines{});
+        EXPECT_EQ(daemon.drain(), row.content == c_inside ? Lines{refusalFrame(script)} : Lines{});
     }
 }

@@ -1,6 +1,5 @@
-// The device probes on an emulated device: user-writable areas, the
-// television test, the zone file, user IDs, readability and the certificate
-// search.
+// The device probes on an emulated device: user-writable areas, the zone
+// file and readability (the television test is in test_gate_faults).
 
 #include <unistd.h>
 
@@ -73,24 +72,6 @@ TEST(Probes, UserWritableAreas)
     }
 }
 
-TEST(Probes, TelevisionTestReadsFiveCharacterPieces)
-{
-    // The modules (null: no /proc/modules), whether that makes a television.
-    const std::vector<std::pair<const char*, bool>> cases = {
-        {"sdp_gpio 16384 0 - Live 0x0\nmicom_drv 1236992 0 - Live 0x0\n", true},  // a name that begins so
-        {"1234micom\n", false},                                                   // position 4
-        {"abcdemicom 1 0\n", true},
-        {nullptr, false},
-    };
-    for (const auto& [modules, television] : cases) {
-        DeviceProfile device;
-        device.set("modules", modules);
-        clearLog();
-        EXPECT_EQ(IsDTV(), television) << (modules ? modules : "none");
-        EXPECT_EQ(loggedLines(), modules ? Lines{} : Lines{c_noModulesLine});
-    }
-}
-
 TEST(Probes, ZoneFile)
 {
     const auto failed = [](const char* text) {
@@ -122,24 +103,13 @@ TEST(Probes, ZoneFile)
     }
 }
 
-TEST(Probes, UserIdsReadabilityAndCertificateSearch)
+// The readability probe's line on standard error (the user IDs and the
+// certificate search are pinned through the entry points in test_policy).
+TEST(Probes, Readability)
 {
-    // The user IDs, whether they are root's, what was asked.
-    for (const auto& [ids, root, trace] : std::vector<std::tuple<const char*, bool, const char*>>{
-             {"0 1000", true, "getuid\n"},  // the effective ID is not asked
-             {"1000 0", true, "getuid\ngeteuid\n"},
-             {"1000 1000", false, "getuid\ngeteuid\n"}}) {
-        DeviceProfile device;
-        device.set("uid", ids);
-        EXPECT_EQ(SecureZoneContext("/proc/self/zone").isRootUID(), root) << ids;
-        EXPECT_EQ(device.takeTrace(), trace) << ids;
-    }
-    DeviceProfile device;
+    const DeviceProfile device;
     StderrCapture err;
     EXPECT_FALSE(isFileExists((device.path() + "/gone").c_str()));
     EXPECT_EQ(err.finish(), "\033[1;31m[zol][" + device.path() + "/gone:" + std::strerror(ENOENT) + "][" +
                                 std::to_string(ENOENT) + "];\033[0m\n");
-    EXPECT_FALSE(FindZOLDiableFile());
-    device.set("usb/s/RTZOLOFF.cer", "any content");
-    EXPECT_TRUE(FindZOLDiableFile());
 }

@@ -68,47 +68,40 @@ template <typename F> auto timed(long long minMs, long long maxMs, F&& f)
 // holds a descriptor, the platform log line and standard error.
 TEST(UnixSocket, Failures)
 {
+    const std::string inUse = uniqueName();
+    UnixSocket first;
+    ASSERT_EQ(first.SetupHost(inUse.c_str(), 4), 0);
+    const auto sendAlone = [](UnixSocket& s) { return s.CreateSocketDescriptor() == 0 && s.SendString("a"); };
+    // Non-blocking mode replaces a status flag set before; with nothing to
+    // read a receive then fails at once.
+    const auto receiveNow = [](UnixSocket& s) {
+        int fd = -1;
+        const UniqueFd peer = peerOf(s, &fd);
+        std::string text;
+        return fcntl(fd, F_SETFL, O_APPEND) == 0 && s.SetNonBlocking() == 0 &&
+               (fcntl(fd, F_GETFL) & ~O_ACCMODE) == O_NONBLOCK && s.ReceiveString(text);
+    };
+    const auto acceptAlone = [](UnixSocket& s) {
+        UnixSocket c;
+        return s.AcceptConnection(c) == 0 || c.IsConnected();
+    };
+    const auto listenConnected = [](UnixSocket& s) { return peerOf(s) && s.Listen(4) == 0; };
     struct Case {
         const char* label;
         std::function<bool(UnixSocket&)> act;
         bool connected;
         std::string line, error;
     };
-    const std::string inUse = uniqueName();
-    UnixSocket first;
-    ASSERT_EQ(first.SetupHost(inUse.c_str(), 4), 0);
-    const std::vector<Case> cases =
-        {
-            {"send without a peer", [](UnixSocket& s) { return s.CreateSocketDescriptor() == 0 && s.SendString("a"); },
-             false, "", "send() error ;\n"},
-            // Non-blocking mode replaces a status flag set before; with nothing to
-            // read a receive then fails at once.
-            {"non-blocking receive",
-             [](UnixSocket& s) {
-        int fd = -1;
-        const UniqueFd peer = peerOf(s, &fd);
-        std::string text;
-        return fcntl(fd, F_SETFL, O_APPEND) == 0 && s.SetNonBlocking() == 0 &&
-               (fcntl(fd, F_GETFL) & ~O_ACCMODE) == O_NONBLOCK && s.ReceiveString(text);
-             },
-             false, "", "recv() error ;\n"},
-            {"bind to a name in use", [&](UnixSocket& s) { return s.SetupHost(inUse.c_str(), 4) == 0; }, true,
-             errorLine(c_file, "Bind", "bind() error ;"), ""},
-            {"non-blocking mode without a descriptor", [](UnixSocket& s) { return s.SetNonBlocking() == 0; }, false,
-             errorLine(c_file, "SetNonBlocking", "fcntl() error ;"), ""},
-            {"accept without listening",
-             [](UnixSocket& s) {
-        UnixSocket c;
-        return s.AcceptConnection(c) == 0 || c.IsConnected();
-             },
-             false, errorLine(c_file, "AcceptConnection", "accept() error; "), ""},
-                            {"listen on a connected socket",
-                             [](UnixSocket& s) {
-        const UniqueFd peer = peerOf(s);
-        return s.Listen(4) == 0;
-                             },
-                             true, errorLine(c_file, "Listen", "listen() error ;"), ""},
-        };
+    const std::vector<Case> cases = {
+        {"send without a peer", sendAlone, false, "", "send() error ;\n"},
+        {"non-blocking receive", receiveNow, false, "", "recv() error ;\n"},
+        {"bind to a name in use", [&](UnixSocket& s) { return s.SetupHost(inUse.c_str(), 4) == 0; }, true,
+         errorLine(c_file, "Bind", "bind() error ;"), ""},
+        {"non-blocking mode without a descriptor", [](UnixSocket& s) { return s.SetNonBlocking() == 0; }, false,
+         errorLine(c_file, "SetNonBlocking", "fcntl() error ;"), ""},
+        {"accept without listening", acceptAlone, false, errorLine(c_file, "AcceptConnection", "accept() error; "), ""},
+        {"listen on a connected socket", listenConnected, true, errorLine(c_file, "Listen", "listen() error ;"), ""},
+    };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.label);
         clearLog();

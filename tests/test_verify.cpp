@@ -9,7 +9,6 @@
 
 #include <functional>
 #include <limits>
-#include <memory>
 
 #include "bs_context.h"
 #include "handles.h"
@@ -42,12 +41,15 @@ static std::string vcLine(const std::string& function, const std::string& text)
     return errorLine("verify_context.cpp", function, "VerifyContext::" + function + "(): " + text);
 }
 
+// Each row with the built-in keys and with the development keys handed in
+// as texts: the same loader, selection, check and log lines.
 TEST(VerifyFile, SignedFilesAndTamperedOnes)
 {
     const TempDir dir;
     const std::string path = dir.file("script.sh"), content = "#!/bin/sh\necho 'hello from a signed script'\n";
     const std::size_t meta = content.size();
     const std::string signed5 = signedFile(content, "P50", devPrivateKey('5')), mpi5 = signed5.substr(meta + 3, 514);
+    const std::string signed6 = signedFile(content, "P60", devPrivateKey('6'));
     const auto flip = [](std::string s, std::size_t at, char c) { return s.replace(at, 1, 1, c); };
     const auto block5 = [&](const std::string& text) { return blockAfter(content + "P50", text); };
     const std::string ok = checkLine("Correct Signed", path, "tester");
@@ -57,69 +59,42 @@ TEST(VerifyFile, SignedFilesAndTamperedOnes)
         std::string file;
         Result result;
         Lines log;
-        bool checkError;
+        bool checkError = false;
+        std::string keys = "56";  // the keys handed in for selectors 5 and 6; other than "56": none built in
     };
     const std::vector<Case> cases = {
-        {"key 5", signed5, BS_SIGNATURE_CORRECT, {ok}, false},
-        {"signed block followed by CRLF", signed5 + "\r\n", BS_SIGNATURE_CORRECT, {ok}, false},
-        {"key 6 for selector 5", signedFile(content, "P50", devPrivateKey('6')), BS_SIGNATURE_INCORRECT, {bad}, false},
-        {"content byte flipped", flip(signed5, 3, 'X'), BS_SIGNATURE_INCORRECT, {bad}, false},
-        {"selector 5 changed to 6", flip(signed5, meta + 1, '6'), BS_SIGNATURE_INCORRECT, {bad}, false},
-        {"third metadata byte changed", flip(signed5, meta + 2, '1'), BS_SIGNATURE_INCORRECT, {bad}, false},
-        {"signature cut by one byte", block5(mpi5.substr(0, 512)), BS_SIGNATURE_INCORRECT, {bad}, false},
-        {"selector 7", signedFile(content, "P70", devPrivateKey('5')), BS_ERROR, {}, false},
+        {"key 5", signed5, BS_SIGNATURE_CORRECT, {ok}},
+        {"key 6", signed6, BS_SIGNATURE_CORRECT, {ok}},
+        {"signed block followed by CRLF", signed5 + "\r\n", BS_SIGNATURE_CORRECT, {ok}},
+        {"key 6 for selector 5", signedFile(content, "P50", devPrivateKey('6')), BS_SIGNATURE_INCORRECT, {bad}},
+        {"content byte flipped", flip(signed5, 3, 'X'), BS_SIGNATURE_INCORRECT, {bad}},
+        {"selector 5 changed to 6", flip(signed5, meta + 1, '6'), BS_SIGNATURE_INCORRECT, {bad}},
+        {"third metadata byte changed", flip(signed5, meta + 2, '1'), BS_SIGNATURE_INCORRECT, {bad}},
+        {"signature cut by one byte", block5(mpi5.substr(0, 512)), BS_SIGNATURE_INCORRECT, {bad}},
+        {"selector 7", signedFile(content, "P70", devPrivateKey('5')), BS_ERROR, {}},
+        {"type L", signedFile(content, "L50", devPrivateKey('5')), BS_ERROR, {}},
+        {"unsigned", content, BS_NOT_SIGNED, {checkLine("Not Signed", path, "tester")}},
         {"upper-case X", block5("0X" + mpi5.substr(2)), BS_ERROR, {vcLine("checkMPI", "invalid MPI format")}, true},
         {"0x alone", block5("0x"), BS_ERROR, {vcLine("check", "signature is empty")}, true},
+        {"keys swapped", signed5, BS_SIGNATURE_INCORRECT, {bad}, false, "65"},
+        {"no key for the selector", signed6, BS_ERROR, {}, false, "5"},
     };
     for (const auto& c : cases) {
-        writeFile(path, c.file);
-        clearLog();
-        StderrCapture err;
-        EXPECT_EQ(BSContext().verifyFile(path, "tester"), c.result) << c.name;
-        EXPECT_EQ(err.finish(), c.checkError ? checkError(path) : "") << c.name;
-        EXPECT_EQ(loggedLines(), c.log) << c.name;
-    }
-}
-
-// The driver with key texts handed in: the same loader, selection, check and
-// log lines as with the built-in keys; only the keys differ.
-TEST(VerifyFile, WithGivenKeys)
-{
-    const TempDir dir;
-    const std::string path = dir.file("script.sh"), content = "#!/bin/sh\necho given keys\n";
-    const std::string pub5 = readFile(devPublicKey('5')), pub6 = readFile(devPublicKey('6'));
-    const std::string ok = checkLine("Correct Signed", path, "tester"),
-                      bad = checkLine("Incorrect Signed", path, "tester");
-    struct Case {
-        const char* name;
-        std::string file, key5, key6;
-        Result result;
-        Lines log;
-    };
-    const std::vector<Case> cases = {
-        {"selector 5 with its key",
-         signedFile(content, "P50", devPrivateKey('5')),
-         pub5,
-         pub6,
-         BS_SIGNATURE_CORRECT,
-         {ok}},
-        {"selector 6 with its key",
-         signedFile(content, "P60", devPrivateKey('6')),
-         pub5,
-         pub6,
-         BS_SIGNATURE_CORRECT,
-         {ok}},
-        {"keys swapped", signedFile(content, "P50", devPrivateKey('5')), pub6, pub5, BS_SIGNATURE_INCORRECT, {bad}},
-        {"no key for the selector", signedFile(content, "P60", devPrivateKey('6')), pub5, "", BS_ERROR, {}},
-        {"type L", signedFile(content, "L50", devPrivateKey('5')), pub5, pub6, BS_ERROR, {}},
-        {"unsigned", content, pub5, pub6, BS_NOT_SIGNED, {checkLine("Not Signed", path, "tester")}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        writeFile(path, c.file);
-        clearLog();
-        EXPECT_EQ(BSContext().verifyFileWithKeys(path, c.key5, c.key6, "tester"), c.result);
-        EXPECT_EQ(loggedLines(), c.log);
+        for (const bool builtIn : {true, false}) {
+            SCOPED_TRACE(std::string(c.name) + (builtIn ? ", built-in keys" : ", keys given"));
+            if (builtIn && c.keys != "56") {
+                continue;
+            }
+            const auto key = [&](std::size_t i) { return i < c.keys.size() ? readFile(devPublicKey(c.keys[i])) : ""; };
+            writeFile(path, c.file);
+            clearLog();
+            StderrCapture err;
+            EXPECT_EQ(builtIn ? BSContext().verifyFile(path, "tester")
+                              : BSContext().verifyFileWithKeys(path, key(0), key(1), "tester"),
+                      c.result);
+            EXPECT_EQ(err.finish(), c.checkError ? checkError(path) : "");
+            EXPECT_EQ(loggedLines(), c.log);
+        }
     }
 }
 
@@ -144,6 +119,7 @@ TEST(VerifyFile, CheckNotCarriedOut)
     const TempDir dir;
     const std::string path = dir.file("script.sh"), key = readFile(devPublicKey('5'));
     const std::string file = signedFile(std::string(40000, 'x'), "P50", devPrivateKey('5'));
+    const std::string removed = "failed to open [" + path + "] for reading";
     // The file changed after its block was loaded: size -1 removes it. Bytes
     // appended (here a hole) are not part of the signed region.
     struct Case {
@@ -156,10 +132,7 @@ TEST(VerifyFile, CheckNotCarriedOut)
     const std::vector<Case> cases = {
         {"truncated", 20000, key, {}},
         {"grown", 1 << 20, key, {checkLine("Correct Signed", path, "tester")}, BS_SIGNATURE_CORRECT},
-        {"removed",
-         -1,
-         key,
-         {errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to open [" + path + "] for reading")}},
+        {"removed", -1, key, {errorLine("bs_context.cpp", "verify", "BSContext::verify(): " + removed)}},
         {"key text that does not load",
          static_cast<off_t>(file.size()),
          "not a key",

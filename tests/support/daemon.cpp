@@ -69,6 +69,13 @@ std::string reportText(int kind, const std::string& caller, const std::string& f
            ",\n\t\"State\" : \"ShowNoti\",\n\t\"TaskName\" : \"UserBlockMsg\"\n}";
 }
 
+std::string refusalFrame(const std::string& path, const std::string& result, const std::string& caller)
+{
+    const std::string description =
+        "ver:\"1\",subject:\"" + path + "\",object:\"" + caller + "\",result:\"" + result + "\",";
+    return frame(reportText(1, caller, "SCRIPT", description, path));
+}
+
 }  // namespace kzol_test
 
 // The library reads the time of day for its report sequence only. Where

@@ -41,6 +41,9 @@ std::string frame(const std::string& text);  // prefix, text, a zero byte
 // A report's text as the daemon receives it (numbered 0102034 by default).
 std::string reportText(int kind, const std::string& caller, const std::string& fileType, const std::string& description,
                        const std::string& path, const std::string& sequence = "0102034");
+// The frame of the refusal of `path` by `caller`, naming the verification's result.
+std::string refusalFrame(const std::string& path, const std::string& result = "BS_NOT_SIGNED",
+                         const std::string& caller = "loader");
 // The lines logged when nothing listens on the daemon's name.
 const Lines c_noDaemonLines = {errorLine("UnixSocket.cpp", "ConnectToHost", "connect() error ;"),
                                errorLine("bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;")};

@@ -1,128 +1,113 @@
 // kzol listen: the daemon's end of the report channel, for servicing and tests.
 //
-// Binds SfDaemon/UserMsg with the library's own UnixSocket (full-length
-// abstract address), serves one connection at a time and prints every report
-// frame it receives. Peers are not trusted: each frame must arrive within the
-// receive timeout, or the connection is dropped, so a silent or stalled peer
-// holds the listener up for one timeout at most. The library refuses length
-// prefixes it cannot buffer and frames without their terminating zero byte.
+// Binds SfDaemon/UserMsg on the channel's full-length abstract address (as
+// the library's UnixSocket addresses it) and prints every report frame it
+// receives. Peers are not trusted, and none may hold up another: every
+// connection is non-blocking and served from one poll loop, each with a frame
+// of its own in assembly (FrameReader), read a piece at a time as it arrives.
+//  - A whole frame must arrive within the receive timeout, counted from the
+//    connection's start or its previous frame; a peer that misses it is dropped.
+//  - A declared length above the frame limit drops the connection at its
+//    prefix, before anything is allocated for it; a frame holds only the
+//    bytes that have arrived, so memory stays within the connection limit
+//    times the frame limit.
+//  - Beyond the connection limit, the connection idle the longest makes room
+//    for the new one.
+// Every drop is said on standard error with its reason, and counted; the
+// counts are said when the listener ends.
 //
-// Signals: SIGINT and SIGTERM end the listener (exit 0); SIGALRM, from an
-// interval timer armed while a frame is read, interrupts a receive that the
-// peer keeps waiting. All three handlers only set a flag and are installed
-// without SA_RESTART, so that blocking calls return.
-#include <signal.h>
-#include <sys/time.h>
+// Signals: SIGINT and SIGTERM end the listener (exit 0). Their handlers only
+// set a flag and are installed without SA_RESTART, so that a blocked write
+// returns; around the wait they are blocked, and the wait itself (ppoll)
+// unblocks them, so a signal cannot slip in between the look at the flag
+// and the wait.
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <CLI/CLI.hpp>
 #include <json/json.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstring>
 #include <ctime>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "UnixSocket.h"
 #include "commands.h"
 #include "common.h"
+#include "frame_reader.h"
 
 namespace kzol {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr char c_daemonName[] = "SfDaemon/UserMsg";
-constexpr unsigned int c_backlog = 16;
-// How long one accept wait lasts before the stop flag is looked at again.
-constexpr unsigned int c_acceptWaitMs = 250;
+constexpr int c_backlog = 128;
 constexpr unsigned int c_defaultReceiveTimeoutMs = 5000;
-// After the deadline the timer keeps firing at this interval, so a receive
-// entered just after a signal is still interrupted.
-constexpr long c_deadlineRepeatUs = 100 * 1000;
+constexpr std::uint32_t c_defaultMaxFrame = 64 * 1024;
+constexpr std::uint32_t c_largestMaxFrame = 16 * 1024 * 1024;
+constexpr unsigned int c_defaultMaxConnections = 64;
+constexpr unsigned int c_largestMaxConnections = 4096;
+// Connections taken from the queue per turn of the loop, so that a burst of
+// them does not hold up the reading of those already open.
+constexpr unsigned int c_acceptsPerTurn = 64;
+// How long accepting pauses when the process is out of descriptors and has
+// no connection to give up for a new one.
+constexpr auto c_acceptPause = std::chrono::milliseconds(100);
+// The most read from one connection per turn of the loop.
+constexpr std::size_t c_readPiece = std::size_t{64} * 1024;
 // Bytes of a refused frame shown in its diagnostic line.
 constexpr std::size_t c_shownBytes = 200;
 
+// Set by the stop handler, looked at by the loop.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 volatile std::sig_atomic_t g_stopRequested = 0;
-volatile std::sig_atomic_t g_deadlinePassed = 0;
 
-extern "C" void onStopSignal(int)
+extern "C" void onStopSignal(int /*signal*/)
 {
     g_stopRequested = 1;
 }
 
-extern "C" void onDeadline(int)
+// Installs the stop handlers for the rest of the process: a second SIGTERM on
+// the way out (as `timeout` sends to the process group) cannot turn a clean
+// stop into death by signal.
+void installStopHandlers()
 {
-    g_deadlinePassed = 1;
+    struct sigaction action {};
+    action.sa_handler = onStopSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;  // no SA_RESTART: blocking calls return with EINTR
+    ::sigaction(SIGINT, &action, nullptr);
+    ::sigaction(SIGTERM, &action, nullptr);
 }
-
-// Installs the listener's handlers. Only the timer's previous handler comes
-// back on destruction: the stop handlers stay until the process ends, so a
-// second SIGTERM on the way out (as `timeout` sends to the process group)
-// cannot turn a clean stop into death by signal.
-class SignalHandlers {
-public:
-    SignalHandlers()
-    {
-        install(SIGINT, onStopSignal, 0);
-        install(SIGTERM, onStopSignal, 1);
-        install(SIGALRM, onDeadline, 2);
-    }
-    ~SignalHandlers()
-    {
-        if (m_installed[2]) {
-            ::sigaction(m_signal[2], &m_previous[2], nullptr);
-        }
-    }
-    SignalHandlers(const SignalHandlers&) = delete;
-    SignalHandlers& operator=(const SignalHandlers&) = delete;
-
-private:
-    void install(int signal, void (*handler)(int), int slot)
-    {
-        struct sigaction action {};
-        action.sa_handler = handler;
-        sigemptyset(&action.sa_mask);
-        action.sa_flags = 0;  // no SA_RESTART: blocking calls return with EINTR
-        m_signal[slot] = signal;
-        m_installed[slot] = ::sigaction(signal, &action, &m_previous[slot]) == 0;
-    }
-
-    int m_signal[3] = {};
-    bool m_installed[3] = {};
-    struct sigaction m_previous[3]{};
-};
-
-// Arms the real-time interval timer for one frame: SIGALRM after `timeoutMs`,
-// then every c_deadlineRepeatUs until destruction disarms it.
-class FrameDeadline {
-public:
-    explicit FrameDeadline(unsigned int timeoutMs)
-    {
-        g_deadlinePassed = 0;
-        struct itimerval timer {};
-        timer.it_value.tv_sec = static_cast<time_t>(timeoutMs / 1000);
-        timer.it_value.tv_usec = static_cast<suseconds_t>((timeoutMs % 1000) * 1000);
-        timer.it_interval.tv_usec = c_deadlineRepeatUs;
-        ::setitimer(ITIMER_REAL, &timer, nullptr);
-    }
-    ~FrameDeadline()
-    {
-        struct itimerval off {};
-        ::setitimer(ITIMER_REAL, &off, nullptr);
-    }
-    FrameDeadline(const FrameDeadline&) = delete;
-    FrameDeadline& operator=(const FrameDeadline&) = delete;
-};
 
 struct ListenOptions {
     bool once = false;
     unsigned int count = 0;  // 0: no limit
     bool jsonLines = false;
     unsigned int receiveTimeoutMs = c_defaultReceiveTimeoutMs;
+    std::uint32_t maxFrame = c_defaultMaxFrame;
+    unsigned int maxConnections = c_defaultMaxConnections;
+};
+
+// Why a connection was dropped; the names are those of the closing counts.
+enum class Drop { Silent, Idle, Stalled, TooLong, Unterminated, Truncated, Evicted, ReceiveFailed, OutOfMemory };
+constexpr std::array<const char*, 9> c_dropNames = {
+    "sent nothing in time", "idle too long",        "stalled inside a frame",    "frame too long",
+    "unterminated frame",   "ended inside a frame", "over the connection limit", "receive failed",
+    "out of memory",
 };
 
 // "2025-01-31T12:34:56.789Z"
@@ -134,7 +119,7 @@ std::string utcNow()
     ::gmtime_r(&now.tv_sec, &calendar);
     char text[64];
     const std::size_t n = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &calendar);
-    std::snprintf(text + n, sizeof(text) - n, ".%03ldZ", now.tv_nsec / 1000000L);
+    (void)std::snprintf(text + n, sizeof(text) - n, ".%03ldZ", now.tv_nsec / 1000000L);
     return text;
 }
 
@@ -151,55 +136,269 @@ std::string shown(const std::string& bytes)
     return printable(bytes.substr(0, c_shownBytes)) + "...";
 }
 
+std::string counted(unsigned long n, const std::string& what)
+{
+    return std::to_string(n) + " " + what + (n == 1 ? "" : "s");
+}
+
+// The listening socket on the channel's address: a zero byte, the name, zero
+// padding, the whole structure's length. -1 (errno set) on failure.
+UniqueFd listenOnDaemonName()
+{
+    UniqueFd host(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!host) {
+        return host;
+    }
+    struct sockaddr_un address {};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path + 1, c_daemonName, sizeof(c_daemonName) - 1);
+    if (::bind(host.get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::listen(host.get(), c_backlog) != 0) {
+        host.reset();
+    }
+    return host;
+}
+
+// One accepted peer and the frame it is sending.
+struct Connection {
+    UniqueFd fd;  // closed once the connection is done with
+    unsigned long serial;
+    pid_t pid;
+    FrameReader reader;
+    Clock::time_point frameDue;    // since when the current frame has been awaited
+    Clock::time_point lastActive;  // accepted, or bytes last received
+    unsigned int frames;
+};
+
 class Listener {
 public:
-    explicit Listener(const ListenOptions& options) : m_options(options), m_limit(options.once ? 1 : options.count)
+    explicit Listener(const ListenOptions& options)
+        : m_options(options), m_limit(options.once ? 1 : options.count),
+          m_timeout(std::chrono::milliseconds(options.receiveTimeoutMs)), m_piece(c_readPiece)
     {
         Json::CharReaderBuilder::strictMode(&m_readerSettings.settings_);
         m_prettyWriter["indentation"] = "  ";
         m_compactWriter["indentation"] = "";
     }
 
-    bool done() const { return g_stopRequested != 0 || (m_limit != 0 && m_reports >= m_limit); }
+    [[nodiscard]] bool done() const { return g_stopRequested != 0 || (m_limit != 0 && m_reports >= m_limit); }
 
-    // Reads frames until the peer closes, misbehaves, or the listener is done.
-    void serve(UnixSocket& client)
+    // Serves connections on `host` until a signal or the report count ends it.
+    void run(int host)
     {
-        const unsigned int timeoutMs = m_options.receiveTimeoutMs;
-        unsigned int frames = 0;
+        sigset_t stopSignals;
+        sigemptyset(&stopSignals);
+        sigaddset(&stopSignals, SIGINT);
+        sigaddset(&stopSignals, SIGTERM);
+        std::vector<struct pollfd> ready;
         while (!done()) {
-            std::string text;
-            bool received;
-            {
-                const FrameDeadline deadline(timeoutMs);
-                received = client.ReceiveString(text, timeoutMs);
+            expire(Clock::now());
+            ready.clear();
+            const bool accepting = Clock::now() >= m_acceptPausedUntil;
+            ready.push_back({accepting ? host : -1, POLLIN, 0});
+            for (const Connection& connection : m_connections) {
+                ready.push_back({connection.fd.get(), POLLIN, 0});
             }
-            if (g_stopRequested) {
-                return;
+            struct timespec wait {};
+            const bool waitForever = waitTime(accepting, wait);
+
+            sigset_t previous;
+            ::pthread_sigmask(SIG_BLOCK, &stopSignals, &previous);
+            if (g_stopRequested != 0) {
+                ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+                break;
             }
-            if (!received) {
-                if (client.IsConnected()) {
-                    // Nothing arrived in time; the connection is still open.
-                    note(frames == 0 ? "peer sent nothing within " + std::to_string(timeoutMs) + " ms; dropped"
-                                     : "peer idle for " + std::to_string(timeoutMs) + " ms after " +
-                                           std::to_string(frames) + " frame(s); dropped");
-                    client.Disconnect();
-                } else if (g_deadlinePassed) {
-                    note("peer did not complete a frame within " + std::to_string(timeoutMs) + " ms; dropped");
-                } else if (frames == 0) {
-                    note("connection ended without a complete frame (bad length prefix, unterminated frame "
-                         "or early close); dropped");
+            sigset_t whileWaiting = previous;
+            sigdelset(&whileWaiting, SIGINT);
+            sigdelset(&whileWaiting, SIGTERM);
+            const int count = ::ppoll(ready.data(), ready.size(), waitForever ? nullptr : &wait, &whileWaiting);
+            ::pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+            if (count <= 0) {
+                continue;  // time to expire connections, or a signal
+            }
+            // The connections polled come first in m_connections, in order;
+            // those accepted below are appended after them.
+            for (std::size_t i = 0; i + 1 < ready.size() && !done(); ++i) {
+                if (ready[i + 1].revents != 0) {
+                    receive(m_connections[i]);
                 }
-                // Otherwise the peer closed after its frames: the normal end.
-                return;
             }
-            ++frames;
-            handleFrame(text);
+            removeClosed();
+            if (ready[0].revents != 0 && !done()) {
+                acceptPeers(host);
+            }
         }
     }
 
+    // The closing line: what was printed, refused and dropped.
+    void summarise() const
+    {
+        unsigned long dropped = 0;
+        std::string reasons;
+        for (std::size_t i = 0; i < m_drops.size(); ++i) {
+            if (m_drops[i] != 0) {
+                dropped += m_drops[i];
+                reasons += (reasons.empty() ? " (" : ", ") + std::to_string(m_drops[i]) + " " + c_dropNames[i];
+            }
+        }
+        note(counted(m_reports, "report") + " printed, " + counted(m_refusedFrames, "frame") + " refused, " +
+             counted(dropped, "connection") + " dropped" + (reasons.empty() ? "" : reasons + ")"));
+    }
+
 private:
-    void handleFrame(const std::string& text)
+    // The time to the nearest frame deadline or the end of an accept pause;
+    // false when there is one, true to wait for events alone.
+    bool waitTime(bool accepting, struct timespec& wait) const
+    {
+        bool any = !accepting;
+        Clock::time_point until = m_acceptPausedUntil;
+        for (const Connection& connection : m_connections) {
+            const Clock::time_point deadline = connection.frameDue + m_timeout;
+            if (!any || deadline < until) {
+                until = deadline;
+            }
+            any = true;
+        }
+        if (!any) {
+            return true;
+        }
+        const auto left = std::max(Clock::duration::zero(), until - Clock::now());
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+        wait.tv_sec = static_cast<time_t>(seconds.count());
+        wait.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(left - seconds).count());
+        return false;
+    }
+
+    // Drops every connection whose frame is overdue.
+    void expire(Clock::time_point now)
+    {
+        const std::string limit = std::to_string(m_options.receiveTimeoutMs) + " ms";
+        for (Connection& connection : m_connections) {
+            if (now < connection.frameDue + m_timeout) {
+                continue;
+            }
+            if (connection.reader.insideFrame()) {
+                drop(connection, Drop::Stalled, "did not complete a frame within " + limit);
+            } else if (connection.frames == 0) {
+                drop(connection, Drop::Silent, "sent nothing within " + limit);
+            } else {
+                drop(connection, Drop::Idle,
+                     "idle for " + limit + " after " + std::to_string(connection.frames) + " frame(s)");
+            }
+        }
+        removeClosed();
+    }
+
+    // Takes new connections off the queue, making room for each one as needed.
+    void acceptPeers(int host)
+    {
+        for (unsigned int taken = 0; taken < c_acceptsPerTurn && !done(); ++taken) {
+            UniqueFd peer(::accept4(host, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+            if (!peer) {
+                if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                    if (!m_connections.empty()) {
+                        evictLongestIdle();
+                        continue;
+                    }
+                    m_acceptPausedUntil = Clock::now() + c_acceptPause;
+                    return;
+                }
+                if (errno == ECONNABORTED || errno == EINTR) {
+                    continue;
+                }
+                return;  // the queue is empty (EAGAIN), or accepting fails: poll again
+            }
+            struct ucred credentials {};
+            socklen_t size = sizeof(credentials);
+            if (::getsockopt(peer.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+                credentials.pid = 0;
+            }
+            if (m_connections.size() >= m_options.maxConnections) {
+                evictLongestIdle();
+            }
+            const Clock::time_point now = Clock::now();
+            m_connections.push_back(
+                Connection{std::move(peer), ++m_serial, credentials.pid, FrameReader(m_options.maxFrame), now, now, 0});
+        }
+    }
+
+    void evictLongestIdle()
+    {
+        const auto longest =
+            std::min_element(m_connections.begin(), m_connections.end(), [](const Connection& a, const Connection& b) {
+                return a.lastActive != b.lastActive ? a.lastActive < b.lastActive : a.serial < b.serial;
+            });
+        drop(*longest, Drop::Evicted,
+             "idle the longest of " + std::to_string(m_connections.size()) + " connections, making room for a new one");
+        removeClosed();
+    }
+
+    // One read from a ready connection: at most what its frame still lacks.
+    void receive(Connection& connection)
+    {
+        const std::size_t wanted = std::min(connection.reader.wanted(), m_piece.size());
+        const ssize_t got = ::recv(connection.fd.get(), m_piece.data(), wanted, 0);
+        if (got < 0) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+                drop(connection, Drop::ReceiveFailed, "receive failed: " + errnoText(errno));
+            }
+            return;
+        }
+        if (got == 0) {
+            if (connection.reader.insideFrame()) {
+                drop(connection, Drop::Truncated, "closed the connection inside a frame");
+            } else {
+                connection.fd.reset();  // closed after its frames: the normal end
+            }
+            return;
+        }
+        const Clock::time_point now = Clock::now();
+        connection.lastActive = now;
+        try {
+            switch (connection.reader.take(m_piece.data(), static_cast<std::size_t>(got))) {
+            case FrameReader::Result::More: break;
+            case FrameReader::Result::Frame:
+                ++connection.frames;
+                connection.frameDue = now;
+                handleFrame(connection, connection.reader.takeText());
+                break;
+            case FrameReader::Result::TooLong:
+                drop(connection, Drop::TooLong,
+                     "declared a frame of " + std::to_string(connection.reader.declaredLength()) +
+                         " bytes, over the limit of " + std::to_string(m_options.maxFrame));
+                break;
+            case FrameReader::Result::Unterminated:
+                drop(connection, Drop::Unterminated,
+                     "sent a frame of " + std::to_string(connection.reader.declaredLength()) +
+                         " bytes without its terminating zero byte");
+                break;
+            }
+        } catch (const std::bad_alloc&) {
+            drop(connection, Drop::OutOfMemory, "out of memory for its frame");
+        }
+    }
+
+    static std::string peerName(const Connection& connection)
+    {
+        return "peer " + std::to_string(connection.serial) + " (pid " + std::to_string(connection.pid) + "): ";
+    }
+
+    // Says why, counts, and closes; removeClosed() takes the connection out.
+    void drop(Connection& connection, Drop reason, const std::string& why)
+    {
+        ++m_drops[static_cast<std::size_t>(reason)];
+        note(peerName(connection) + why + "; dropped");
+        connection.fd.reset();
+    }
+
+    void removeClosed()
+    {
+        m_connections.erase(std::remove_if(m_connections.begin(), m_connections.end(),
+                                           [](const Connection& connection) { return !connection.fd; }),
+                            m_connections.end());
+    }
+
+    void handleFrame(const Connection& connection, const std::string& text)
     {
         Json::Value report;
         std::string errors;
@@ -211,12 +410,10 @@ private:
             parsed = false;
         }
         const std::string size = std::to_string(text.size());
-        if (!parsed) {
-            note("frame of " + size + " bytes is not JSON: " + shown(text));
-            return;
-        }
-        if (!report.isObject()) {
-            note("frame of " + size + " bytes is JSON but not an object: " + shown(text));
+        if (!parsed || !report.isObject()) {
+            ++m_refusedFrames;
+            note(peerName(connection) + "frame of " + size + " bytes is " +
+                 (parsed ? "JSON but not an object: " : "not JSON: ") + shown(text));
             return;
         }
         ++m_reports;
@@ -231,7 +428,14 @@ private:
 
     const ListenOptions& m_options;
     const unsigned int m_limit;
-    unsigned int m_reports = 0;
+    const Clock::duration m_timeout;
+    unsigned long m_reports = 0;
+    unsigned long m_refusedFrames = 0;
+    std::array<unsigned long, c_dropNames.size()> m_drops{};
+    std::vector<Connection> m_connections;
+    unsigned long m_serial = 0;
+    Clock::time_point m_acceptPausedUntil{};
+    std::vector<char> m_piece;  // one read's bytes, before the frame takes them
     Json::CharReaderBuilder m_readerSettings;
     Json::StreamWriterBuilder m_prettyWriter;
     Json::StreamWriterBuilder m_compactWriter;
@@ -240,10 +444,10 @@ private:
 int runListen(const ListenOptions& options)
 {
     g_stopRequested = 0;
-    const SignalHandlers handlers;
+    installStopHandlers();
 
-    UnixSocket host;
-    if (host.SetupHost(c_daemonName, c_backlog) != 0) {
+    const UniqueFd host = listenOnDaemonName();
+    if (!host) {
         const int err = errno;
         if (err == EADDRINUSE) {
             return fail(std::string("another listener holds ") + c_daemonName);
@@ -253,18 +457,9 @@ int runListen(const ListenOptions& options)
     std::cerr << "kzol listen: listening on " << c_daemonName << std::endl;
 
     Listener listener(options);
-    while (!listener.done()) {
-        UnixSocket client;
-        if (host.AcceptConnection(client, c_acceptWaitMs, true) != 0) {
-            continue;  // timed out or interrupted: look at the stop flag again
-        }
-        try {
-            listener.serve(client);
-        } catch (const std::bad_alloc&) {
-            note("out of memory while serving a connection; dropped");
-        }
-    }
+    listener.run(host.get());
     std::cout.flush();
+    listener.summarise();
     return c_exitSuccess;
 }
 
@@ -279,13 +474,23 @@ void addListenCommand(CLI::App& app, int& status)
     cmd->add_flag("--json-lines", options->jsonLines, "Print each report as one compact JSON object per line");
     cmd->add_option("--receive-timeout", options->receiveTimeoutMs,
                     "Milliseconds a peer has for each frame (default 5000)")
-        ->check(CLI::Range(1u, 3600000u));
-    cmd->footer("Binds the abstract socket SfDaemon/UserMsg (full-length address) and serves one connection\n"
-                "at a time, reading frames until the peer closes. Each frame must arrive completely within\n"
-                "the receive timeout (5 seconds unless --receive-timeout says otherwise); a peer that sends\n"
-                "nothing, stalls, sends a bad length prefix or an unterminated frame is dropped with a line on\n"
-                "standard error, and serving goes on. A frame that is not a JSON object is reported on\n"
-                "standard error and not counted.\n"
+        ->check(CLI::Range(1U, 3600000U));
+    cmd->add_option("--max-frame", options->maxFrame, "Longest frame text accepted, in bytes (default 65536)")
+        ->check(CLI::Range(std::uint32_t{1}, c_largestMaxFrame));
+    cmd->add_option("--max-connections", options->maxConnections, "Connections open at once (default 64)")
+        ->check(CLI::Range(1U, c_largestMaxConnections));
+    cmd->footer("Binds the abstract socket SfDaemon/UserMsg (full-length address) and serves every connection\n"
+                "at once, reading frames until each peer closes; a slow or silent peer holds up no other.\n"
+                "Each frame must arrive completely within the receive timeout (5 seconds unless\n"
+                "--receive-timeout says otherwise), counted from the connection's start or its previous\n"
+                "frame. A peer is dropped when it misses that time, declares a frame longer than --max-frame\n"
+                "(dropped at its length prefix, before anything is allocated for it), sends a frame without\n"
+                "its terminating zero byte, or closes inside a frame; beyond --max-connections open\n"
+                "connections, the one idle the longest is dropped to make room. Frames held in memory come to\n"
+                "at most --max-connections times --max-frame bytes. Each drop is said on standard error with\n"
+                "its peer (number and process ID) and reason, and serving goes on; a frame that is not a\n"
+                "JSON object is said there too and not counted. When the listener ends, one line on standard\n"
+                "error counts the reports printed, the frames refused and the connections dropped, by reason.\n"
                 "Standard output carries only the reports: a header line (report number, time received in\n"
                 "UTC, text length) and the indented JSON, or one compact JSON object per line with\n"
                 "--json-lines; it is flushed after each report. \"listening on SfDaemon/UserMsg\" goes to\n"
