@@ -5,10 +5,13 @@
 
 #include <json/json.h>
 
+#include <cctype>
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <sstream>
 
+#include "bs_context.h"
 #include "test_support.h"
 
 using namespace kzol_test;
@@ -157,4 +160,234 @@ TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
             EXPECT_EQ(actual[member], expected[member]) << member << " in " << json;
         }
     }
+}
+
+// kzol verify's verdicts over a corpus, with keys parsed once per worker, are
+// the library's own (BSContext::verifyFileWithKeys with the same key texts),
+// file by file, with both keys given and with key 5 alone; and its reasons
+// name why each failed.
+TEST(KzolVerify, VerdictsAreTheLibrarysFileByFile)
+{
+    const std::string content = "#!/bin/sh\necho \"release\"\n";
+    const std::string good5 = signedFile(content, "P50", devPrivateKey('5'));
+    const std::string good6 = signedFile(content, "P60", devPrivateKey('6'));
+    const std::string sig5 = mpiText(opensslSign(content + "P50", devPrivateKey('5')));
+    std::string upper = sig5;
+    for (std::size_t i = 2; i < upper.size(); ++i) {
+        upper[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(upper[i])));
+    }
+    std::string big(3U << 20U, 'b');  // beyond what is read whole
+    big[77] = '\n';
+    const std::string bigSigned = signedFile(big, "P60", devPrivateKey('6'));
+    std::string tampered = good5, bigTampered = bigSigned;
+    tampered[3] = 'X';
+    bigTampered[1000] = 'X';
+    const std::string hexRun(20000, 'a');  // a text longer than any signature
+    struct Case {
+        const char* name;
+        std::string bytes;
+        const char* reason;  // with both keys
+    };
+    const std::vector<Case> cases = {
+        {"correct5", good5, nullptr},
+        {"correct6", good6, nullptr},
+        {"tampered", tampered, "hash-mismatch"},
+        {"truncated", good5.substr(0, good5.size() - 10), "no-block"},
+        {"truncated-text", blockAfter(content + "P50", sig5.substr(0, 300)), "bad-signature-text"},
+        {"foreign-key", signedFile(content, "P60", devPrivateKey('5')), "hash-mismatch"},
+        {"crlf", good5 + "\r\n", nullptr},
+        {"blank-padded", good6 + " \n \r  \n ", nullptr},
+        {"nine-blanks", good6 + " \n \r  \n  ", "no-block"},
+        {"blanks-among-last", good6.substr(0, good6.size() - 1) + " L", "no-block"},
+        {"upper-case-hex", blockAfter(content + "P50", upper), nullptr},
+        {"absurd-length", content + "P50" + sig5 + lengthField(0x7fffffff) + ":ZOL", "bad-length-field"},
+        {"long-valid-hex", blockAfter(content + "P50", "0x" + hexRun), "bad-signature-text"},
+        {"long-bad-pair", blockAfter(content + "P50", "0x" + hexRun + "g0"), "bad-signature-text"},
+        {"long-odd", blockAfter(content + "P50", "0x" + hexRun + "a"), "bad-signature-text"},
+        {"bad-length-field", content + "P50" + sig5 + "!!!!!!!!:ZOL", "bad-length-field"},
+        {"empty-text", blockAfter(content + "P50", ""), "bad-length-field"},
+        {"no-content", blockAfter("P50", sig5), "bad-length-field"},
+        {"just-0x", blockAfter(content + "P50", "0x"), "bad-signature-text"},
+        {"no-prefix", blockAfter(content + "P50", sig5.substr(2)), "bad-signature-text"},
+        {"unknown-selector", signedFile(content, "P70", devPrivateKey('5')), "unknown-selector"},
+        {"type-L", signedFile(content, "L50", devPrivateKey('5')), "wrong-type"},
+        {"type-X", signedFile(content, "X50", devPrivateKey('5')), "wrong-type"},
+        {"plain", content, "no-block"},
+        {"empty", "", "no-block"},
+        {"footprint-only", ":ZOL", "bad-length-field"},
+        {"big", bigSigned, nullptr},
+        {"big-tampered", bigTampered, "hash-mismatch"},
+        {"big-long-hex", blockAfter(big + "P50", "0x" + hexRun), "bad-signature-text"},
+    };
+    const TempDir dir;
+    std::string list;
+    for (const auto& c : cases) {
+        writeFile(dir.file(c.name), c.bytes);
+        list += std::string(c.name) + '\0';
+    }
+    writeFile(dir.file("list"), list);
+    const std::string pem5 = readFile(devPublicKey('5')), pem6 = readFile(devPublicKey('6'));
+    for (const bool both : {true, false}) {
+        SCOPED_TRACE(both ? "both keys" : "key 5 alone");
+        const std::string keys =
+            " --pubkey 5=" + shq(devPublicKey('5')) + (both ? " --pubkey 6=" + shq(devPublicKey('6')) : "");
+        std::string out;
+        kzol("verify -j 2 --json -0 --from list" + keys, &out, dir.path());
+        std::istringstream lines(out);
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.name);
+            std::string line;
+            ASSERT_TRUE(std::getline(lines, line));
+            const Json::Value json = parseJson(line);
+            StderrCapture quiet;  // the library's own lines
+            BSContext context;
+            const Result expected = context.verifyFileWithKeys(dir.file(c.name), pem5, both ? pem6 : "", "test");
+            quiet.finish();
+            EXPECT_EQ(json["file"].asString(), c.name);
+            EXPECT_EQ(json["result"].asString(), resultName(expected));
+            if (both) {
+                EXPECT_EQ(json["reason"], c.reason != nullptr ? Json::Value(c.reason) : Json::Value()) << line;
+            }
+        }
+    }
+}
+
+// kzol verify over many files: names from a list (lines, NUL-separated, or
+// standard input), JSON lines, a reason for each failure, a summary, the exit
+// statuses; nothing drawn for progress when standard error is no terminal.
+TEST(KzolVerify, ListsJsonLinesReasonsAndStatuses)
+{
+    const TempDir dir;
+    const std::string content = "echo a\n";
+    const std::string good = signedFile(content, "P50", devPrivateKey('5'));
+    std::string tampered = good;
+    tampered[0] = 'E';
+    writeFile(dir.file("a.sh"), good);
+    writeFile(dir.file("b.sh"), content);
+    writeFile(dir.file("c.sh"), tampered);
+    writeFile(dir.file("list"), "a.sh\nb.sh\r\n\n");
+    writeFile(dir.file("list0"), std::string("a.sh\0c\nweird\0c.sh\0", 18));
+    writeFile(dir.file("c\nweird"), good);
+    const std::string signedBytes = std::to_string(content.size() + 3);
+    struct Case {
+        std::string args, input;
+        int status;
+        std::vector<std::string> out;
+        std::string err;  // "" for none at all
+    };
+    const std::vector<Case> cases = {
+        {"verify --from list",
+         "",
+         1,
+         {"a.sh: BS_SIGNATURE_CORRECT\nb.sh: BS_NOT_SIGNED\n"},
+         "kzol: b.sh: no signature block\n2 files: 1 correct, 0 incorrect, 1 not signed, 0 error, 0 unreadable\n"},
+        {"verify --from - a.sh", "b.sh\n", 1, {"a.sh: BS_SIGNATURE_CORRECT\nb.sh: BS_NOT_SIGNED\n"}, "2 files:"},
+        {"verify -j 3 -0 --from list0",
+         "",
+         1,
+         {"a.sh: BS_SIGNATURE_CORRECT\nc\nweird: BS_SIGNATURE_CORRECT\nc.sh: BS_SIGNATURE_INCORRECT\n"},
+         "kzol: c.sh: hash mismatch\n"},
+        {"verify -q a.sh c.sh", "", 1, {"a.sh: BS_SIGNATURE_CORRECT\nc.sh: BS_SIGNATURE_INCORRECT\n"}, ""},
+        {"verify c.sh", "", 1, {"BS_SIGNATURE_INCORRECT\n"}, ""},
+        {"verify --json a.sh nothere b.sh",
+         "",
+         2,
+         {"{\"file\":\"a.sh\",\"reason\":null,\"result\":\"BS_SIGNATURE_CORRECT\",\"selector\":\"5\",\"signed_"
+          "bytes\":" +
+              signedBytes + "}\n",
+          "{\"error\":\"cannot open nothere: No such file or "
+          "directory\",\"file\":\"nothere\",\"reason\":\"unreadable\","
+          "\"result\":null,\"selector\":null,\"signed_bytes\":null}\n",
+          "\"file\":\"b.sh\",\"reason\":\"no-block\",\"result\":\"BS_NOT_SIGNED\"",
+          "{\"summary\":{\"correct\":1,\"error\":0,\"files\":3,\"incorrect\":0,\"not_signed\":1,\"unreadable\":1}}\n"},
+         ""},
+        {"verify a.sh . b.sh",
+         "",
+         2,
+         {"a.sh: BS_SIGNATURE_CORRECT\nb.sh: BS_NOT_SIGNED\n"},
+         "kzol: . is not a regular file\n"},
+        {"verify -0 a.sh", "", 2, {}, "-0 reads the --from list"},
+        {"verify --from nothere", "", 2, {}, "cannot read nothere"},
+        {"verify --from /dev/null", "", 2, {}, "no file to verify"},
+        {"sing a.sh", "", 2, {}, "kzol: unknown command 'sing'; did you mean 'sign'?\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        std::string out;
+        EXPECT_EQ(run("cd " + shq(dir.path()) + " && printf %s " + shq(c.input) + " | " + shq(KZOL_TOOL) + " " +
+                          c.args + " 2>" + shq(dir.file("err")),
+                      &out),
+                  c.status);
+        for (const std::string& has : c.out) {
+            EXPECT_NE(out.find(has), std::string::npos) << out;
+        }
+        const std::string err = readFile(dir.file("err"));
+        EXPECT_EQ(err.empty(), c.err.empty()) << err;
+        EXPECT_NE(err.find(c.err), std::string::npos) << err;
+        EXPECT_EQ(err.find('\r'), std::string::npos) << err;
+    }
+    // On a terminal (script(1) gives it one), progress unless -q.
+    for (const bool quiet : {false, true}) {
+        std::string out;
+        EXPECT_EQ(run("cd " + shq(dir.path()) + " && script -qec " +
+                          shq(shq(KZOL_TOOL) + " verify" + (quiet ? " -q" : "") + " a.sh c.sh") + " /dev/null",
+                      &out),
+                  1);
+        EXPECT_EQ(out.find("2/2 files, ") != std::string::npos, !quiet) << out;
+    }
+}
+
+// kzol audit --root: a staging tree as the device will see it (areas and
+// excluded directories on the device paths), with a deployment's keys.
+TEST(KzolAudit, StagingTreeWithTheDeploymentsKeys)
+{
+    const TempDir keys, root;
+    ASSERT_EQ(kzol("keygen " + shq(keys.path())), 0);
+    const std::string content = "#!/bin/sh\necho staged\n";
+    writeFile(root.file("opt/app/good5.sh"), signedFile(content, "P50", keys.file("private_key_5.pem")));
+    writeFile(root.file("tmp/good6.sh"), signedFile(content, "P60", keys.file("private_key_6.pem")));
+    writeFile(root.file("opt/app/plain.sh"), content);
+    writeFile(root.file("opt/var/tmp/rpm-tmp/skipped.sh"), content);  // an excluded directory: not walked
+    writeFile(root.file("usr/bin/tool.sh"), content);                 // outside the areas
+    struct Case {
+        std::string args;
+        int status;
+        std::string classes;  // sorted "DEVICE-PATH CLASS[KEY] REASON" lines
+    };
+    const std::vector<Case> cases = {
+        {"--keys " + shq(keys.path()), 1,
+         "/opt/app/good5.sh correct5 \n/opt/app/plain.sh not-signed no-block\n/tmp/good6.sh correct6 \n"},
+        {"", 1,
+         "/opt/app/good5.sh incorrect hash-mismatch\n/opt/app/plain.sh not-signed no-block\n"
+         "/tmp/good6.sh incorrect hash-mismatch\n"},
+        {"--keys " + shq(keys.path()) + " /usr /opt/app/good5.sh", 0,
+         "/opt/app/good5.sh correct5 \n/usr/bin/tool.sh outside \n"},
+        {"--keys " + shq(keys.path()) + " /opt/var", 0, "/opt/var/tmp/rpm-tmp/skipped.sh outside \n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.args);
+        std::string out;
+        EXPECT_EQ(kzol("audit -j 2 --json --root " + shq(root.path() + "/") + " " + c.args, &out), c.status);
+        std::istringstream in(out);
+        std::vector<std::string> lines;
+        std::string summary;
+        for (std::string line; std::getline(in, line);) {
+            const Json::Value json = parseJson(line);
+            if (json.isMember("summary")) {
+                summary = line;
+                continue;
+            }
+            EXPECT_EQ(json["path"].asString(), root.path() + json["device_path"].asString());
+            lines.push_back(json["device_path"].asString() + " " + json["class"].asString() +
+                            json.get("key", "").asString() + " " + json.get("reason", "").asString() + "\n");
+        }
+        std::sort(lines.begin(), lines.end());
+        std::string classes;
+        for (const std::string& line : lines) {
+            classes += line;
+        }
+        EXPECT_EQ(classes, c.classes);
+        EXPECT_NE(summary.find("\"files\":" + std::to_string(lines.size())), std::string::npos) << summary;
+    }
+    EXPECT_EQ(kzol("audit --root " + shq(root.path()) + " opt"), 2);  // a device path starts with /
 }

@@ -52,18 +52,21 @@ struct ToolCase {
     std::string out;
 };
 
-// Sorted "PATH CLASS" lines, one per file, from the audit's JSON.
+// Sorted "PATH CLASS" lines, one per file, from the audit's JSON lines.
 std::string auditClasses(const std::string& json)
 {
-    Json::Value document;
-    std::string errors;
-    std::istringstream in(json);
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), in, &document, &errors)) {
-        return "unparsable audit output: " + errors;
-    }
     std::vector<std::string> lines;
-    for (const Json::Value& file : document["files"]) {
-        lines.push_back(file["path"].asString() + " " + file["class"].asString() + file.get("key", "").asString());
+    std::istringstream in(json);
+    for (std::string text; std::getline(in, text);) {
+        Json::Value file;
+        std::string errors;
+        std::istringstream line(text);
+        if (!Json::parseFromStream(Json::CharReaderBuilder(), line, &file, &errors)) {
+            return "unparsable audit line: " + text + ": " + errors;
+        }
+        if (!file.isMember("summary")) {
+            lines.push_back(file["path"].asString() + " " + file["class"].asString() + file.get("key", "").asString());
+        }
     }
     std::sort(lines.begin(), lines.end());
     std::string text;

@@ -1,6 +1,8 @@
 /* Host stand-in of the platform log: one line per message on standard error,
  * "<P>/<tag>(<pid>): <message>", written with a single write() so that lines
- * of concurrent threads never interleave. */
+ * of concurrent threads never interleave. The messages' colour sequences
+ * (ESC [ ... m) stay only when standard error is a terminal and NO_COLOR is
+ * unset or empty. */
 #include <dlog.h>
 
 #include <errno.h>
@@ -38,6 +40,31 @@ static int write_all(int fd, const char *p, size_t n)
     return 0;
 }
 
+static int colour_wanted(void)
+{
+    const char *no_colour = getenv("NO_COLOR");
+    return isatty(STDERR_FILENO) == 1 && (no_colour == NULL || *no_colour == '\0');
+}
+
+/* Removes every ESC [ <parameters> m sequence of line[0..n); answers the new length. */
+static size_t strip_colour(char *line, size_t n)
+{
+    size_t out = 0;
+    for (size_t i = 0; i < n; ++i) {
+        if (line[i] == '\033' && i + 1 < n && line[i + 1] == '[') {
+            size_t end = i + 2;
+            while (end < n && ((line[end] >= '0' && line[end] <= '9') || line[end] == ';'))
+                ++end;
+            if (end < n && line[end] == 'm') {
+                i = end;
+                continue;
+            }
+        }
+        line[out++] = line[i];
+    }
+    return out;
+}
+
 int __dlog_print(log_id_t log_id, int prio, const char *tag, const char *fmt, ...)
 {
     (void)log_id;
@@ -73,6 +100,8 @@ int __dlog_print(log_id_t log_id, int prio, const char *tag, const char *fmt, ..
     vsnprintf(line + hn, (size_t)mn + 1, fmt, ap2);
     va_end(ap2);
     line[total - 1] = '\n';
+    if (!colour_wanted())
+        total = strip_colour(line, total);
 
     int rc = write_all(STDERR_FILENO, line, total) == 0 ? (int)total : -1;
     if (line != small)

@@ -24,17 +24,23 @@ unsigned int workerCount(unsigned int requested)
 
 void forEachInParallel(std::size_t count, unsigned int jobs, const std::function<void(std::size_t)>& item)
 {
+    forEachInParallel(count, jobs, [&item](std::size_t index, unsigned int /*worker*/) { item(index); });
+}
+
+void forEachInParallel(std::size_t count, unsigned int jobs,
+                       const std::function<void(std::size_t index, unsigned int worker)>& item)
+{
     std::atomic<std::size_t> next{0};
-    const auto work = [&]() {
+    const auto work = [&](unsigned int worker) {
         for (std::size_t i = next++; i < count; i = next++) {
-            item(i);
+            item(i, worker);
         }
     };
     std::vector<std::thread> workers;
     for (unsigned int w = 1; w < jobs && w < count; ++w) {
-        workers.emplace_back(work);
+        workers.emplace_back(work, w);
     }
-    work();
+    work(0);
     for (std::thread& worker : workers) {
         worker.join();
     }

@@ -50,6 +50,10 @@ unsigned int workerCount(unsigned int requested);
 // Calls `item` once for every index below `count`, spread over `jobs`
 // threads, the calling one among them; returns when every call has.
 void forEachInParallel(std::size_t count, unsigned int jobs, const std::function<void(std::size_t)>& item);
+// The same, telling each call which worker (below `jobs`) makes it, so that a
+// worker can keep state of its own from call to call.
+void forEachInParallel(std::size_t count, unsigned int jobs,
+                       const std::function<void(std::size_t index, unsigned int worker)>& item);
 
 // Reads the whole file into `bytes`; a file longer than `limit` bytes is refused.
 bool readFileBytes(const std::string& path, ByteBuffer& bytes, std::string& error,

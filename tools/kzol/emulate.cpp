@@ -268,12 +268,11 @@ void addEmulateCommand(CLI::App& app, int& status)
     CLI::App* cmd = app.add_subcommand("emulate", "Run a command on the television that a profile describes");
     cmd->add_option("PROFILE", options->profile, "Profile directory (see kzol profile init --help)")->required();
     cmd->add_option("COMMAND", options->command, "The command and its arguments, after --")->required();
-    cmd->footer(std::string("The command runs with the device emulation preloaded (LD_PRELOAD, ahead of any\n"
-                            "already set) and KZOL_PROFILE set to the profile's absolute path. The library is\n"
-                            "the one built with this kzol (") +
-                KZOL_EMULATE_LIB_PATH +
-                ");\n"
-                "KZOL_EMULATE_LIB names another.\n"
+    cmd->footer("The command runs with the device emulation preloaded (LD_PRELOAD, ahead of any\n"
+                "already set) and KZOL_PROFILE set to the profile's absolute path. The emulation library\n"
+                "is KZOL_EMULATE_LIB when set; else libkzol_emulate.so in the library directory beside\n"
+                "this kzol (<prefix>/" KZOL_INSTALL_LIBDIR "/libkzol_emulate.so for <prefix>/bin/kzol); else the one\n"
+                "built with it in its build tree.\n"
                 "Exit status: the command's own; 2 when PROFILE is not a directory or the emulation\n"
                 "library is missing; 126 when the command cannot run, 127 when it is not found.\n");
     cmd->callback([options, &status]() { status = runEmulate(*options); });

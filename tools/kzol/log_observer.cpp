@@ -45,6 +45,11 @@ void setLibraryLogShown(bool shown, bool colour)
     g_colour = colour;
 }
 
+bool libraryLogShown()
+{
+    return g_shown;
+}
+
 bool colourWanted(int fd)
 {
     const char* noColour = std::getenv("NO_COLOR");

@@ -21,6 +21,9 @@ public:
 // Whether the library's lines go on to the platform log and standard error
 // (default: not), and whether their colour codes stay in them.
 void setLibraryLogShown(bool shown, bool colour);
+// Whether they are shown (-v): a command then lets the library itself do the
+// work whose lines are wanted.
+bool libraryLogShown();
 
 // Colour for a stream: only on a terminal, and never with NO_COLOR set.
 bool colourWanted(int fd);

@@ -1,12 +1,66 @@
 // kzol: keys, signing, inspection and checks for libkZOLUser.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "commands.h"
 #include "common.h"
 #include "kZOLUser.h"
 #include "log_observer.h"
+
+namespace {
+
+// Edits (insertions, deletions, substitutions) that turn `a` into `b`.
+std::size_t editDistance(const std::string& a, const std::string& b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j) {
+        row[j] = j;
+    }
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t above = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diagonal = above;
+        }
+    }
+    return row[b.size()];
+}
+
+// The first word that is no option of kzol itself, when it names no command:
+// named, with the nearest command when one is near.
+bool unknownCommand(CLI::App& app, int argc, char** argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (!word.empty() && word[0] == '-') {
+            continue;
+        }
+        std::string nearest;
+        std::size_t best = 3;
+        for (const CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+            if (command->get_name() == word) {
+                return false;
+            }
+            const std::size_t distance = editDistance(word, command->get_name());
+            if (distance < best) {
+                best = distance;
+                nearest = command->get_name();
+            }
+        }
+        kzol::fail("unknown command '" + word + "'" + (nearest.empty() ? "" : "; did you mean '" + nearest + "'?"));
+        std::cerr << "Run 'kzol --help' for the commands." << std::endl;
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 int main(int argc, char** argv)
 {
@@ -40,6 +94,9 @@ int main(int argc, char** argv)
         command->fallthrough(command->get_name() != "exec" && command->get_name() != "emulate");
     }
 
+    if (unknownCommand(app, argc, argv)) {
+        return kzol::c_exitError;
+    }
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

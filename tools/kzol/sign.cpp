@@ -29,6 +29,7 @@
 #include "commands.h"
 #include "common.h"
 #include "keyset.h"
+#include "progress.h"
 #include "signature.h"
 #include "signing_key.h"
 #include "writer.h"
@@ -625,7 +626,12 @@ int runSign(const SignOptions& options)
 
     const unsigned int jobs = key.inToken() ? 1U : workerCount(options.jobs);  // a token signs one at a time
     Committer committer;
-    forEachInParallel(files.size(), jobs, [&](std::size_t i) { committer.add(prepare(options, key.get(), files[i])); });
+    Progress progress(files.size(), ::isatty(STDOUT_FILENO) != 1);  // not over the lines of the signed files
+    forEachInParallel(files.size(), jobs, [&](std::size_t i) {
+        committer.add(prepare(options, key.get(), files[i]));
+        progress.advance();
+    });
+    progress.finish();
     committer.finish();
     const std::size_t failures = committer.count(Outcome::Failed);
     std::cout << committer.count(Outcome::Signed) << " signed, " << committer.count(Outcome::Skipped) << " skipped, "
