@@ -234,26 +234,28 @@ int main(int argc, char** argv)
     const auto check = [fd] { return executionCheck(fd); };
     const auto moveChangeTime = [&script] { (void)chmod(script.c_str(), 0755); };
 
-    const double unmarked = measure(iterations, nothing, check);
-    double allowOnly = -1.0;
-    {
-        AllowOnly responder(area);
-        if (responder.ok()) {
-            allowOnly = measure(iterations, nothing, check);
+    // Rounds of: no mark, the allow-only responder, kzol enforce (hits, then
+    // misses alternating with the library's own decision, the very call the
+    // daemon makes, in this process on the same device). Each figure is the
+    // median over the rounds of the round's medians, so that every figure saw
+    // the machine's load of the same moments.
+    constexpr int c_rounds = 5;
+    const int perRound = std::max(10, iterations / c_rounds);
+    std::vector<double> unmarkedRounds, allowRounds, hitRounds, missRounds, verificationRounds;
+    for (int round = 0; round < c_rounds; ++round) {
+        unmarkedRounds.push_back(measure(perRound, nothing, check));
+        {
+            AllowOnly responder(area);
+            allowRounds.push_back(responder.ok() ? measure(perRound, nothing, check) : -1.0);
+            responder.stop(fd);
         }
-        responder.stop(fd);
-    }
-    double hit = -1.0, miss = -1.0, verification = -1.0;
-    {
         const Daemon daemon(profile, area);
         if (!daemon.ready()) {
             return fail("kzol enforce did not start");
         }
-        hit = measure(iterations, nothing, check);
-        // A miss, then the very call the daemon makes, in this process on the
-        // same device: alternately, so that both see the same load.
+        hitRounds.push_back(measure(perRound, nothing, check));
         std::vector<double> misses, verifications;
-        for (int i = 0; i < iterations / 4; ++i) {
+        for (int i = 0; i < perRound / 4; ++i) {
             misses.push_back(measure(1, moveChangeTime, check));
             setenv("KZOL_PROFILE", profile.c_str(), 1);
             verifications.push_back(measure(1, nothing, [fd] {
@@ -263,13 +265,17 @@ int main(int argc, char** argv)
             }));
             unsetenv("KZOL_PROFILE");
         }
-        miss = *std::min_element(misses.begin(), misses.end()) < 0 ? -1.0 : medianUs(misses);
-        verification =
-            *std::min_element(verifications.begin(), verifications.end()) < 0 ? -1.0 : medianUs(verifications);
+        missRounds.push_back(*std::min_element(misses.begin(), misses.end()) < 0 ? -1.0 : medianUs(misses));
+        verificationRounds.push_back(
+            *std::min_element(verifications.begin(), verifications.end()) < 0 ? -1.0 : medianUs(verifications));
     }
-    if (unmarked < 0 || allowOnly < 0 || verification < 0 || hit < 0 || miss < 0) {
-        return fail("a measured check was refused");
+    for (const auto* rounds : {&unmarkedRounds, &allowRounds, &hitRounds, &missRounds, &verificationRounds}) {
+        if (*std::min_element(rounds->begin(), rounds->end()) < 0) {
+            return fail("a measured check was refused");
+        }
     }
+    const double unmarked = medianUs(unmarkedRounds), allowOnly = medianUs(allowRounds), hit = medianUs(hitRounds),
+                 miss = medianUs(missRounds), verification = medianUs(verificationRounds);
     const double allowAdded = allowOnly - unmarked, hitAdded = hit - unmarked, missAdded = miss - unmarked;
     std::printf("execution check, no mark:            %8.1f us\n", unmarked);
     std::printf("allow-only responder, added:         %8.1f us\n", allowAdded);
