@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -76,6 +77,7 @@ public:
         m_pid = fork();
         if (m_pid == 0) {
             dup2(out[1], 1);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that ended abruptly
             execl(KZOL_TOOL, "kzol", "emulate", profile.c_str(), "--", KZOL_TOOL, "enforce", "--mark", area.c_str(),
                   "--workers", "2", static_cast<char*>(nullptr));
             _exit(127);
