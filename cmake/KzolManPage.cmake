@@ -186,7 +186,8 @@ kzol emulate tv \\-\\- kzol check /opt/app/run.sh
 .SH EXIT STATUS
 0 success or a positive answer; 1 a negative answer; 2 a usage or I/O error.
 \\fBkzol exec\\fR exits with the program's own status, 126 when the file is
-refused, 127 when it does not exist.
+refused, 127 when it does not exist. \\fBkzol enforce\\fR runs until SIGTERM or
+SIGINT and then exits 0; 2 without the privilege or when a path cannot be marked.
 .SH SEE ALSO
 The README of libkZOLUser, and the contract in the header kZOLUser/kZOLUser.h.
 ")

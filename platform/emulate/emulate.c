@@ -8,6 +8,12 @@
  * ENOENT, as on a machine without it; a uid file that holds no valid ID counts
  * as absent; a .foreach-result that holds no number makes the walk answer -1.
  *
+ * The per-process files that a daemon reads about another process answer
+ * from the same profile: /proc/PID/zone is the profile's zone file, and
+ * /proc/PID/status is the process's own with its Uid line from the profile's
+ * user IDs (when the profile has them), so that a decision for any process
+ * on the emulated device sees that device's credentials and container.
+ *
  * The profile is read afresh on every call, so a test may change it between
  * calls. Every other path of fopen, and every call while KZOL_PROFILE is unset,
  * goes to the function that the emulation stands in front of (the next
@@ -16,7 +22,8 @@
  *
  * Tracing: when KZOL_EMULATE_TRACE names a file, every call that the emulation
  * answers from the profile appends one line to it with a single O_APPEND
- * write: "fopen /proc/modules", "fopen /proc/self/zone", "getuid", "geteuid",
+ * write: "fopen /proc/modules", "fopen /proc/self/zone", "fopen /proc/PID/zone",
+ * "fopen /proc/PID/status", "getuid", "geteuid",
  * "vconf_get_str KEY", "usb_device_init", "usb_mass_storage_foreach",
  * "usb_device_get_mountpath", "usb_device_fini". The line is written when the
  * call begins, so the file shows the order of the calls.
@@ -216,21 +223,75 @@ static int profile_uid(const char *profile, int which, uid_t *uid)
 
 /* ---- /proc files ---------------------------------------------------------- */
 
+/* The part of /proc/PID/NAME after "/proc/": PID all digits; NULL when `path`
+ * is not such a file of a process. */
+static const char *process_file(const char *path, const char *name)
+{
+    if (strncmp(path, "/proc/", 6) != 0)
+        return NULL;
+    const char *p = path + 6;
+    if (*p < '0' || *p > '9')
+        return NULL;
+    while (*p >= '0' && *p <= '9')
+        ++p;
+    return *p == '/' && strcmp(p + 1, name) == 0 ? p : NULL;
+}
+
 static const char *profile_file_for(const char *path)
 {
     if (path == NULL)
         return NULL;
     if (strcmp(path, "/proc/modules") == 0)
         return KZOL_PROFILE_MODULES;
-    if (strcmp(path, "/proc/self/zone") == 0)
+    if (strcmp(path, "/proc/self/zone") == 0 || process_file(path, "zone") != NULL)
         return KZOL_PROFILE_ZONE;
     return NULL;
+}
+
+/* /proc/PID/status as the process's own, with its Uid line taken from the
+ * profile's user IDs (real, effective, and the effective one as saved and file
+ * system ID); NULL (errno set) when the real file cannot be read. */
+static FILE *status_with_profile_uids(fopen_fn next, const char *path, uid_t ruid, uid_t euid)
+{
+    FILE *real = next(path, "r");
+    if (real == NULL)
+        return NULL;
+    char *text = NULL;
+    size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    char line[512];
+    while (out != NULL && fgets(line, sizeof line, real) != NULL) {
+        if (strncmp(line, "Uid:", 4) == 0)
+            fprintf(out, "Uid:\t%u\t%u\t%u\t%u\n", (unsigned)ruid, (unsigned)euid, (unsigned)euid, (unsigned)euid);
+        else
+            fputs(line, out);
+    }
+    fclose(real);
+    if (out == NULL || fclose(out) != 0) {
+        free(text);
+        errno = ENOMEM;
+        return NULL;
+    }
+    /* A stream of its own over a copy that it frees when closed. */
+    FILE *answer = fmemopen(NULL, size + 1, "w+");
+    if (answer != NULL) {
+        fwrite(text, 1, size, answer);
+        rewind(answer);
+    }
+    free(text);
+    return answer;
 }
 
 static FILE *emulated_fopen(fopen_fn next, const char *path, const char *mode)
 {
     const char *profile = profile_dir();
     const char *name = profile ? profile_file_for(path) : NULL;
+    uid_t ruid, euid;
+    if (name == NULL && profile != NULL && next != NULL && path != NULL && process_file(path, "status") != NULL &&
+        profile_uid(profile, 0, &ruid) && profile_uid(profile, 1, &euid)) {
+        trace("fopen", path);
+        return status_with_profile_uids(next, path, ruid, euid);
+    }
     if (name == NULL) {
         if (next == NULL) {
             errno = ENOSYS;

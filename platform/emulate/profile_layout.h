@@ -17,10 +17,10 @@
     "Profile layout (every file optional, read afresh at each access):\n"                                              \
     "  modules                what fopen(\"/proc/modules\") reads; a line starting \"micom \"\n"                       \
     "                         makes the device a television\n"                                                         \
-    "  zone                   what fopen(\"/proc/self/zone\") reads: \"LEVEL TYPE\" (type 1 =\n"                       \
-    "                         isolated container)\n"                                                                   \
-    "  uid                    getuid()/geteuid(): \"RUID EUID\" or one ID for both; without it,\n"                     \
-    "                         the process's own IDs\n"                                                                 \
+    "  zone                   what fopen(\"/proc/self/zone\") and fopen(\"/proc/PID/zone\") read:\n"                   \
+    "                         \"LEVEL TYPE\" (type 1 = isolated container)\n"                                          \
+    "  uid                    getuid()/geteuid(), and the Uid line of /proc/PID/status: \"RUID\n"                      \
+    "                         EUID\" or one ID for both; without it, the process's own IDs\n"                          \
     "  vconf/KEY              vconf_get_str(KEY), the key's slashes being directories:\n"                              \
     "                         vconf/db/comss/hwduid is the device identifier (one trailing\n"                          \
     "                         newline is not part of the value)\n"                                                     \

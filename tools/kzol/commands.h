@@ -22,5 +22,6 @@ void addCheckCommand(CLI::App& app, int& status);    // check.cpp
 void addKeysCommand(CLI::App& app, int& status);     // fingerprints.cpp
 void addAuditCommand(CLI::App& app, int& status);    // audit.cpp
 void addExecCommand(CLI::App& app, int& status);     // exec.cpp
+void addEnforceCommand(CLI::App& app, int& status);  // enforce.cpp
 
 }  // namespace kzol

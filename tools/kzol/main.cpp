@@ -87,6 +87,7 @@ int main(int argc, char** argv)
     kzol::addKeysCommand(app, status);
     kzol::addAuditCommand(app, status);
     kzol::addExecCommand(app, status);
+    kzol::addEnforceCommand(app, status);
     // -v may also follow a command's own arguments, except where those
     // arguments are handed on to another program.
     for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
