@@ -94,6 +94,28 @@ bool readLink(int directory, const std::string& name, std::string& target)
     }
 }
 
+// The process's root directory, reached by climbing from the working
+// directory until ".." leads nowhere else, not by the name "/": a user-mode
+// emulator (qemu-arm with a target's sysroot, as the armhf lane runs) maps
+// "/" to that sysroot, while relative names reach the real tree.
+UniqueFd openRoot()
+{
+    UniqueFd current(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat here {};
+    while (current && ::fstat(current.get(), &here) == 0) {
+        UniqueFd parent(::openat(current.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+        struct stat above {};
+        if (!parent || ::fstat(parent.get(), &above) != 0) {
+            return {};
+        }
+        if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) {
+            return current;
+        }
+        current = std::move(parent);
+    }
+    return {};
+}
+
 // The walk of openEntry(); `wantDirectory`: the whole path names a directory.
 bool walk(const std::string& path, bool followLast, bool wantDirectory, DirectoryEntry& entry, std::string& error)
 {
@@ -103,7 +125,7 @@ bool walk(const std::string& path, bool followLast, bool wantDirectory, Director
     }
     std::deque<std::string> rest;
     splitInto(path, rest, false);
-    UniqueFd current(::open(path[0] == '/' ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    UniqueFd current(path[0] == '/' ? openRoot() : UniqueFd(::open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)));
     struct stat currentStatus {};
     if (!current || ::fstat(current.get(), &currentStatus) != 0) {
         error = "cannot open the start of " + path + ": " + errnoText(errno);
@@ -140,7 +162,7 @@ bool walk(const std::string& path, bool followLast, bool wantDirectory, Director
                 return false;
             }
             if (!target.empty() && target[0] == '/') {
-                current.reset(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+                current = openRoot();
                 if (!current || ::fstat(current.get(), &currentStatus) != 0) {
                     error = "cannot open /: " + errnoText(errno);
                     return false;
