@@ -42,30 +42,6 @@ std::string canonical(const std::string& path)
     return std::filesystem::canonical(path).string();
 }
 
-// A child process that runs `body` as user and group 65534; killed with the object.
-class AsNobody {
-public:
-    explicit AsNobody(const std::function<void()>& body) : m_pid(fork())
-    {
-        if (m_pid == 0) {
-            if (setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0) {
-                body();
-            }
-            _exit(0);
-        }
-    }
-    ~AsNobody()
-    {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    AsNobody(const AsNobody&) = delete;
-    AsNobody& operator=(const AsNobody&) = delete;
-
-private:
-    pid_t m_pid;
-};
-
 long peakKiB()
 {
     const std::string status = readFile("/proc/self/status");
@@ -239,7 +215,7 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
         int received[2];
         ASSERT_EQ(pipe2(received, O_CLOEXEC), 0);
         const UniqueFd readEnd(received[0]), writeEnd(received[1]);
-        const AsNobody squatter([&] {
+        const AsNobody squatter([&]() -> int {
             UniqueFd listener = abstractSocket("SfDaemon/UserMsg", true);
             if (row.queueFull) {
                 listen(listener.get(), 0);
