@@ -279,38 +279,34 @@ TEST(ObjectBound, PathRace)
         return bytes.substr(0, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     };
     // Each decider answers whether the unsigned bytes from /tmp were let run.
-    struct Decider {
-        const char* name;
-        std::function<bool()> bypassed;
-        bool mayLose;
-    };
-    const Decider deciders[] =
-        {
-            {"by name (an open copy, verifyFileDescriptor with FILE)",
-             [&] {
+    const auto byName = [&] {
         const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
         usleep(1000);
         return verifyFileDescriptor(fd.get(), file.c_str(), "loader") == 1 && content(fd.get()) == c_inside;
-             },
-             true},
-            {"verifyOpenFileToRun",
-             [&] {
+    };
+    const auto openFileToRun = [&] {
         const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
         usleep(1000);
         int run = -1;
         const bool allowed = verifyOpenFileToRun(fd.get(), "loader", 0, &run) == 1;
         const UniqueFd ran(run);
         return allowed && content(ran.get()) == c_inside;
-             },
-             false},
-                  {"kzol exec",
-                   [&] {
+    };
+    const auto exec = [&] {
         std::string out;
         kzol("emulate " + shq(device.path()) + " -- " + shq(KZOL_TOOL) + " exec " + shq(file), &out);
         return out == "INSIDE-UNSIGNED\n";
-                   },
-                   false},
-        };
+    };
+    struct Decider {
+        const char* name;
+        std::function<bool()> bypassed;
+        bool mayLose;
+    };
+    const Decider deciders[] = {
+        {"by name (an open copy, verifyFileDescriptor with FILE)", byName, true},
+        {"verifyOpenFileToRun", openFileToRun, false},
+        {"kzol exec", exec, false},
+    };
     constexpr int c_attempts = 100;
     for (const Decider& decider : deciders) {
         SCOPED_TRACE(decider.name);
