@@ -1,5 +1,6 @@
-// kzol exec on an emulated television: what runs, with which arguments and
-// exit status; and the race it closes, against the naive check-then-run.
+// kzol exec and check on an emulated television: what runs, with which
+// arguments and exit status, and what a disable certificate for the device
+// changes; and the race exec closes, against the naive check-then-run.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -30,7 +31,7 @@ struct Television {
         // The scripts' shell is not built with the sanitizers that the
         // preloaded emulation may carry in a sanitizer build.
         setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
-        EXPECT_EQ(kzol("profile init " + shq(profile) + " --tv"), 0);
+        EXPECT_EQ(kzol("profile init " + shq(profile) + " --tv --duid TV-0042 --usb stick"), 0);
     }
 
     std::string script(const std::string& path, const std::string& content) const
@@ -58,33 +59,44 @@ TEST(KzolExec, RunsOnlyWhatTheLibraryAllows)
     tampered[12] ^= 1;
     tv.script(tv.area + "/tampered.sh", tampered);
     std::filesystem::create_directory(tv.area + "/dir");
+    // device: a disable certificate for it is put on the stick before the row.
     struct Case {
         const char* name;
         std::string args;
         int status;
         std::string out;
         std::string dir = ".";
+        const char* device = "";
     };
     const std::vector<Case> cases = {
         // A script's interpreter reads the sealed copy as /dev/fd/N: that is its $0.
-        {"signed script, with its arguments", shq(good) + " a 'b c'", 7, "signed: a b c\n"},
-        {"relative name", "./signed.sh -x", 7, "signed: -x\n", tv.area},
-        {"caller option before FILE", "--caller task " + shq(good), 7, "signed: \n"},
-        {"a program gets FILE as argv[0]", "./sh -c 'echo \"$0\"'", 0, "./sh\n", "/bin"},
-        {"unsigned script in a user area", shq(bad) + " a", 126, ""},
-        {"changed after signing", shq(tv.area + "/tampered.sh"), 126, ""},
-        {"unsigned script outside the areas", shq(outside) + " z", 9, "UNSIGNED: z\n"},
+        {"signed script, with its arguments", "exec " + shq(good) + " a 'b c'", 7, "signed: a b c\n"},
+        {"relative name", "exec ./signed.sh -x", 7, "signed: -x\n", tv.area},
+        {"caller option before FILE", "exec --caller task " + shq(good), 7, "signed: \n"},
+        {"a program gets FILE as argv[0]", "exec ./sh -c 'echo \"$0\"'", 0, "./sh\n", "/bin"},
+        {"unsigned script in a user area", "exec " + shq(bad) + " a", 126, ""},
+        {"changed after signing", "exec " + shq(tv.area + "/tampered.sh"), 126, ""},
+        {"unsigned script outside the areas", "exec " + shq(outside) + " z", 9, "UNSIGNED: z\n"},
         // By a relative name, as the row above: under user-mode emulation an
         // absolute one would name the emulator's copy of the program.
-        {"a program outside the areas", "./echo hello", 0, "hello\n", "/bin"},
-        {"missing file", shq(tv.area + "/missing.sh"), 127, ""},
-        {"a directory", shq(tv.area + "/dir"), 126, ""},
-        {"no file", "", 2, ""},
+        {"a program outside the areas", "exec ./echo hello", 0, "hello\n", "/bin"},
+        {"missing file", "exec " + shq(tv.area + "/missing.sh"), 127, ""},
+        {"a directory", "exec " + shq(tv.area + "/dir"), 126, ""},
+        {"no file", "exec", 2, ""},
+        {"check: signed", "check " + shq(good), 0, "allowed (BS_SIGNATURE_CORRECT)\n"},
+        {"check: unsigned", "check " + shq(bad), 1, "refused (BS_NOT_SIGNED)\n"},
+        {"another device's certificate", "check " + shq(bad), 1, "refused (BS_NOT_SIGNED)\n", ".", "TV-0043"},
+        {"this device's certificate", "check " + shq(bad), 0, "allowed (disable certificate)\n", ".", "TV-0042"},
+        {"exec under this device's certificate", "exec " + shq(bad) + " a", 9, "UNSIGNED: a\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
+        ASSERT_EQ(*c.device == '\0' ? 0
+                                    : kzol("cert --force --key " + shq(devPrivateKey('5')) + " --key-id 5 -o " +
+                                           shq(tv.profile + "/usb/stick/RTZOLOFF.cer") + " --duid " + c.device),
+                  0);
         std::string out;
-        EXPECT_EQ(tv.emulated("exec " + c.args, &out, c.dir), c.status);
+        EXPECT_EQ(tv.emulated(c.args, &out, c.dir), c.status);
         EXPECT_EQ(out, c.out);
     }
 }

@@ -1,4 +1,4 @@
-// The kzol verify, check, listen and report commands, run as programs. The
+// The kzol listen and report commands, run as programs. The
 // test program has a network namespace of its own (inherited by the commands
 // it starts), so its listeners hold the daemon's name without meeting a real one.
 #include <signal.h>
@@ -193,61 +193,4 @@ TEST(KzolListen, HostilePeersAreDroppedAndHoldUpNoReport)
                                   "frame, 1 ended inside a frame, 10 over the connection limit)\n"),
               std::string::npos)
         << listener.err();
-}
-
-TEST(KzolVerify, PrintsTheLibrarysResult)
-{
-    const TempDir dir;
-    const std::string content = "#!/bin/sh\necho \"signed\"\n";
-    // Signed by the openssl command alone, the block written by the test's own encoders.
-    struct Case {
-        const char* name;
-        std::string bytes;
-        int status;
-        const char* out;
-    };
-    const std::vector<Case> cases = {
-        {"key5", signedFile(content, "P50", devPrivateKey('5')), 0, "BS_SIGNATURE_CORRECT\n"},
-        {"wrongkey", signedFile(content, "P60", devPrivateKey('5')), 1, "BS_SIGNATURE_INCORRECT\n"},
-        {"typeL", signedFile(content, "L50", devPrivateKey('5')), 1, "BS_ERROR\n"},
-        {"plain", content, 1, "BS_NOT_SIGNED\n"},
-    };
-    for (const auto& c : cases) {
-        writeFile(dir.file(c.name), c.bytes);
-        std::string out;
-        EXPECT_EQ(kzol("verify --caller tester " + shq(dir.file(c.name)), &out), c.status) << c.name;
-        EXPECT_EQ(out, c.out) << c.name;
-    }
-    EXPECT_EQ(kzol("verify " + shq(dir.file("missing"))), 2);
-}
-
-// The whole job through the shipped tools on an emulated television: a signed
-// script is allowed, an unsigned one refused, and a disable certificate for
-// this device lets the unsigned one run.
-TEST(KzolCheck, SignCheckAndDisableCertificate)
-{
-    // An ASan-built tool takes the preloaded emulation after its runtime.
-    setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
-    const TempDir work("/tmp");  // a user-writable area
-    const std::string tv = work.file("tv"), signedScript = work.file("signed.sh"),
-                      unsignedScript = work.file("unsigned.sh"), check = "emulate " + shq(tv) + " -- " + shq(KZOL_TOOL);
-    std::string out;
-    writeFile(signedScript, "#!/bin/sh\necho signed\n");
-    writeFile(unsignedScript, "#!/bin/sh\necho unsigned\n");
-    ASSERT_EQ(kzol("profile init " + shq(tv) + " --tv --duid TV-0042 --usb stick"), 0);
-    ASSERT_EQ(kzol("sign --key " + shq(devPrivateKey('6')) + " --key-id 6 " + shq(signedScript)), 0);
-    // The device a certificate on the stick is for (none at first), the script, the answer and what kzol prints.
-    const std::vector<std::tuple<std::string, std::string, int, std::string>> steps = {
-        {"", signedScript, 0, "allowed (BS_SIGNATURE_CORRECT)\n"},
-        {"", unsignedScript, 1, "refused (BS_NOT_SIGNED)\n"},
-        {"TV-0043", unsignedScript, 1, "refused (BS_NOT_SIGNED)\n"},
-        {"TV-0042", unsignedScript, 0, "allowed (disable certificate)\n"}};
-    for (const auto& [device, script, answer, printed] : steps) {
-        ASSERT_EQ(device.empty() ? 0
-                                 : kzol("cert --force --key " + shq(devPrivateKey('5')) + " --key-id 5 -o " +
-                                        shq(tv + "/usb/stick/RTZOLOFF.cer") + " --duid " + device),
-                  0);
-        EXPECT_EQ(kzol(check + " check " + shq(script), &out), answer) << printed;
-        EXPECT_EQ(out, printed);
-    }
 }

@@ -42,30 +42,6 @@ std::string canonical(const std::string& path)
     return std::filesystem::canonical(path).string();
 }
 
-// A child process that runs `body` as user and group 65534; killed with the object.
-class AsNobody {
-public:
-    explicit AsNobody(const std::function<void()>& body) : m_pid(fork())
-    {
-        if (m_pid == 0) {
-            if (setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0) {
-                body();
-            }
-            _exit(0);
-        }
-    }
-    ~AsNobody()
-    {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    AsNobody(const AsNobody&) = delete;
-    AsNobody& operator=(const AsNobody&) = delete;
-
-private:
-    pid_t m_pid;
-};
-
 long peakKiB()
 {
     const std::string status = readFile("/proc/self/status");
@@ -239,7 +215,7 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
         int received[2];
         ASSERT_EQ(pipe2(received, O_CLOEXEC), 0);
         const UniqueFd readEnd(received[0]), writeEnd(received[1]);
-        const AsNobody squatter([&] {
+        const AsNobody squatter([&]() -> int {
             UniqueFd listener = abstractSocket("SfDaemon/UserMsg", true);
             if (row.queueFull) {
                 listen(listener.get(), 0);
@@ -303,38 +279,34 @@ TEST(ObjectBound, PathRace)
         return bytes.substr(0, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
     };
     // Each decider answers whether the unsigned bytes from /tmp were let run.
-    struct Decider {
-        const char* name;
-        std::function<bool()> bypassed;
-        bool mayLose;
-    };
-    const Decider deciders[] =
-        {
-            {"by name (an open copy, verifyFileDescriptor with FILE)",
-             [&] {
+    const auto byName = [&] {
         const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
         usleep(1000);
         return verifyFileDescriptor(fd.get(), file.c_str(), "loader") == 1 && content(fd.get()) == c_inside;
-             },
-             true},
-            {"verifyOpenFileToRun",
-             [&] {
+    };
+    const auto openFileToRun = [&] {
         const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
         usleep(1000);
         int run = -1;
         const bool allowed = verifyOpenFileToRun(fd.get(), "loader", 0, &run) == 1;
         const UniqueFd ran(run);
         return allowed && content(ran.get()) == c_inside;
-             },
-             false},
-                  {"kzol exec",
-                   [&] {
+    };
+    const auto exec = [&] {
         std::string out;
         kzol("emulate " + shq(device.path()) + " -- " + shq(KZOL_TOOL) + " exec " + shq(file), &out);
         return out == "INSIDE-UNSIGNED\n";
-                   },
-                   false},
-        };
+    };
+    struct Decider {
+        const char* name;
+        std::function<bool()> bypassed;
+        bool mayLose;
+    };
+    const Decider deciders[] = {
+        {"by name (an open copy, verifyFileDescriptor with FILE)", byName, true},
+        {"verifyOpenFileToRun", openFileToRun, false},
+        {"kzol exec", exec, false},
+    };
     constexpr int c_attempts = 100;
     for (const Decider& decider : deciders) {
         SCOPED_TRACE(decider.name);

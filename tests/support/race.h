@@ -4,6 +4,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
@@ -11,7 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "handles.h"
 
@@ -39,6 +42,28 @@ public:
 
 protected:
     pid_t m_pid = -1;
+};
+
+// Runs `body` in a child process as user and group 65534 (nobody); the child
+// is killed with the object unless waited for.
+class AsNobody : public Attacker {
+public:
+    explicit AsNobody(const std::function<int()>& body)
+    {
+        m_pid = fork();
+        if (m_pid == 0) {
+            const bool nobody = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
+                                setresuid(65534, 65534, 65534) == 0;
+            _exit(nobody ? body() : 127);
+        }
+    }
+    // The child's exit status once it ended; 128 if a signal ended it.
+    int wait()
+    {
+        int status = 0;
+        waitpid(std::exchange(m_pid, -1), &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+    }
 };
 
 // Exchanges `a` and `b` as fast as it can.
