@@ -2,7 +2,7 @@
 // configuration-store and USB-service stand-ins, the emulation library, and
 // the kzol commands around them (cert, profile init, emulate). The library
 // itself on an emulated device is tested in test_policy, test_probes and
-// test_kzol_report.
+// test_exec.
 //
 // This program links the emulation ahead of the stand-ins, as the device
 // suites do: without KZOL_PROFILE the emulation hands every call on to the
@@ -163,7 +163,7 @@ TEST(Emulation, AnswersFromTheProfile)
 }
 
 // The library's own check of a certificate (a signature over the identifier
-// alone) is in test_kzol_report.
+// alone) is in test_exec (KzolExec.RunsOnlyWhatTheLibraryAllows).
 TEST(KzolCert, WritesTheCertificateOnce)
 {
     TempDir scratch;
