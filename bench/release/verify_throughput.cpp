@@ -51,6 +51,23 @@ double threadCpuSeconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
+// Runs `work` on `threads` threads for `budget` seconds, then sets `stop`
+// and waits for them: the elapsed seconds.
+template <typename Work> double runWorkers(unsigned threads, double budget, const Work& work, std::atomic<bool>& stop)
+{
+    const auto start = Clock::now();
+    std::vector<std::thread> workers;
+    for (unsigned t = 0; t < threads; ++t) {
+        workers.emplace_back(work);
+    }
+    std::this_thread::sleep_for(std::chrono::duration<double>(budget));
+    stop = true;
+    for (std::thread& t : workers) {
+        t.join();
+    }
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
 // The best of `runs` runs (the least disturbed by the machine's other work),
 // with the largest peak memory; the status of the last.
 Measure best(const std::vector<std::string>& args, int runs)
@@ -155,17 +172,7 @@ double floorPerFile(const std::vector<Signed>& files, EVP_PKEY* key, unsigned th
         }
         cpuNanoseconds += static_cast<long long>((threadCpuSeconds() - cpuStart) * 1e9);
     };
-    const auto start = Clock::now();
-    std::vector<std::thread> workers;
-    for (unsigned t = 0; t < threads; ++t) {
-        workers.emplace_back(work);
-    }
-    std::this_thread::sleep_for(std::chrono::duration<double>(budget));
-    stop = true;
-    for (std::thread& t : workers) {
-        t.join();
-    }
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const double seconds = runWorkers(threads, budget, work, stop);
     if (wrong) {
         std::fprintf(stderr, "the floor's own verify failed\n");
     }
@@ -190,17 +197,7 @@ double sha256Rate(unsigned threads, double budget, double& perCpuSecond)
         }
         cpuNanoseconds += static_cast<long long>((threadCpuSeconds() - cpuStart) * 1e9);
     };
-    const auto start = Clock::now();
-    std::vector<std::thread> workers;
-    for (unsigned t = 0; t < threads; ++t) {
-        workers.emplace_back(work);
-    }
-    std::this_thread::sleep_for(std::chrono::duration<double>(budget));
-    stop = true;
-    for (std::thread& t : workers) {
-        t.join();
-    }
-    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    const double seconds = runWorkers(threads, budget, work, stop);
     perCpuSecond = static_cast<double>(rounds) * (1 << 20) / (static_cast<double>(cpuNanoseconds) * 1e-9);
     return static_cast<double>(rounds) * (1 << 20) / seconds;
 }
