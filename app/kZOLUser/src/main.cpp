@@ -351,11 +351,19 @@ bool processIsRoot(pid_t pid)
     const FilePtr status(std::fopen(statusPath.c_str(), "r"));
     char line[256];
     while (status != nullptr && std::fgets(line, sizeof(line), status.get()) != nullptr) {
-        unsigned long real = 0;
-        unsigned long effective = 0;
-        if (std::sscanf(line, "Uid: %lu %lu", &real, &effective) == 2) {
-            return real == 0 || effective == 0;
+        if (std::strncmp(line, "Uid:", 4) != 0) {
+            continue;
         }
+        // "Uid:" and the real, effective, saved and file-system user IDs.
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long real = std::strtoul(line + 4, &end, 10);
+        const char* const afterReal = end;
+        const unsigned long effective = std::strtoul(afterReal, &end, 10);
+        if (errno != 0 || end == afterReal || afterReal == line + 4) {
+            return true;
+        }
+        return real == 0 || effective == 0;
     }
     return true;
 }
