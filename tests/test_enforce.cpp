@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "daemon.h"
+#include "enforce_cache.h"
 #include "test_support.h"
 
 #ifndef AT_EXECVE_CHECK
@@ -257,31 +258,37 @@ TEST_F(Enforce, AFileChangedAfterAnAllowedRunIsDecidedAgain)
     EXPECT_EQ(attempt(path), 0);
 }
 
-// The worker that read an execution's event dies before it answers: the
-// supervisor denies the event, starts a new worker, and enforcement goes on.
-// The worker is held inside its decision by a device file that never answers
-// (the profile's modules file, a FIFO without a writer).
-TEST_F(Enforce, AWorkerKilledWithAnExecutionPendingDeniesIt)
+// The worker that read an execution's event dies, or stalls, before it
+// answers: the supervisor denies the event (a stalled worker is stopped after
+// 10 s), starts a new worker, and enforcement goes on. The worker is held
+// inside its decision by a device file that never answers (the profile's
+// modules file, a FIFO without a writer).
+TEST_F(Enforce, AWorkerThatDiesOrStallsWithAnExecutionPendingDeniesIt)
 {
     const std::string good = file("good.sh", sign(c_script));
-    const std::string dir = profile("");
-    const std::string modules = readFile(dir + "/modules");
-    ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
-    ASSERT_EQ(mkfifo((dir + "/modules").c_str(), 0644), 0);
-    Enforcer enforcer(dir, m_area);
-    const pid_t worker = enforcer.worker();
-    ASSERT_GT(worker, 0);
-    std::atomic<int> status{-2};
-    std::thread pending([&] { status = attempt(good); });
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    EXPECT_EQ(status.load(), -2) << "the execution did not wait for the worker's decision";
-    ASSERT_EQ(kill(worker, SIGKILL), 0);
-    pending.join();
-    EXPECT_EQ(status.load(), c_denied);
-    ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
-    writeFile(dir + "/modules", modules);
-    EXPECT_EQ(attempt(good), 0);  // a new worker decides
-    EXPECT_NE(enforcer.worker(), worker);
+    for (const bool killed : {true, false}) {
+        SCOPED_TRACE(killed ? "killed" : "stalled");
+        const std::string dir = profile("");
+        const std::string modules = readFile(dir + "/modules");
+        ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
+        ASSERT_EQ(mkfifo((dir + "/modules").c_str(), 0644), 0);
+        Enforcer enforcer(dir, m_area);
+        const pid_t worker = enforcer.worker();
+        ASSERT_GT(worker, 0);
+        std::atomic<int> status{-2};
+        std::thread pending([&] { status = attempt(good, false, 30); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        EXPECT_EQ(status.load(), -2) << "the execution did not wait for the worker's decision";
+        if (killed) {
+            ASSERT_EQ(kill(worker, SIGKILL), 0);
+        }
+        pending.join();
+        EXPECT_EQ(status.load(), c_denied);
+        ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
+        writeFile(dir + "/modules", modules);
+        EXPECT_EQ(attempt(good), 0);  // a new worker decides
+        EXPECT_NE(enforcer.worker(), worker);
+    }
 }
 
 // Every refusal reaches the security daemon (a listener in this test's own
@@ -314,6 +321,42 @@ TEST_F(Enforce, StoppedItsMarksGoWithIt)
     EXPECT_EQ(attempt(bad), c_denied);
     EXPECT_EQ(enforcer.stop(SIGTERM), 0);
     EXPECT_EQ(attempt(bad, false, 2), 0);
+}
+
+// The daemon's cache of allowed file states: a move of any part of the state
+// is a miss, and at its bound the least recently used state goes first.
+TEST(EnforceCache, KnowsOnlyTheStatesItAllowedAndTheMostRecent)
+{
+    using kzol::FileState;
+    const FileState base{1, 2, 3, {4, 5}, {6, 7}};
+    const auto moved = [&base](void (*change)(FileState&)) {
+        FileState state = base;
+        change(state);
+        return state;
+    };
+    const std::vector<std::pair<const char*, FileState>> others = {
+        {"device", moved([](FileState& s) { s.device = 9; })},
+        {"inode", moved([](FileState& s) { s.inode = 9; })},
+        {"size", moved([](FileState& s) { s.size = 9; })},
+        {"change time, seconds", moved([](FileState& s) { s.changed.tv_sec = 9; })},
+        {"change time, nanoseconds", moved([](FileState& s) { s.changed.tv_nsec = 9; })},
+        {"modification time, seconds", moved([](FileState& s) { s.modified.tv_sec = 9; })},
+        {"modification time, nanoseconds", moved([](FileState& s) { s.modified.tv_nsec = 9; })},
+    };
+    kzol::VerdictCache cache(2);
+    cache.rememberAllowed(base);
+    EXPECT_TRUE(cache.allowed(base));
+    for (const auto& [name, state] : others) {
+        SCOPED_TRACE(name);
+        EXPECT_FALSE(cache.allowed(state));
+    }
+    cache.rememberAllowed(others[0].second);
+    EXPECT_TRUE(cache.allowed(base));  // now the most recent
+    cache.rememberAllowed(others[1].second);
+    EXPECT_EQ(cache.size(), 2U);
+    EXPECT_TRUE(cache.allowed(base));
+    EXPECT_FALSE(cache.allowed(others[0].second));
+    EXPECT_TRUE(cache.allowed(others[1].second));
 }
 
 // Without the privilege (here: inside a user namespace) one line and status 2;

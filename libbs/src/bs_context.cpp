@@ -188,7 +188,7 @@ bool BSContext::verify(const std::string& path, const Signature& signature, cons
 bool BSContext::verify(FILE* pFile, const Signature& signature, const std::string& key, bool& isVerified)
 {
     VerifyContext context;
-    if (!context.loadPublicKey(key)) {
+    if (!(m_keepKeys ? context.loadKeptKey(key) : context.loadPublicKey(key))) {
         KZOL_LOGE("BSContext::%s(): failed to load RSA key from %s", "verify", key.c_str());
         return false;
     }

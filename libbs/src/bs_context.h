@@ -1,8 +1,8 @@
 // BSContext: the verification driver (signature block, key selection, hashing
 // of the signed region), the policy's area test and device-bound verification
 // (bs_context.cpp), and the report composition and sending
-// (bs_context_report.cpp). It holds no data: one is built on the stack for
-// each call.
+// (bs_context_report.cpp). One is built on the stack for each call; it holds
+// only whether that call checks signatures with kept keys.
 #pragma once
 
 #include <cstdint>
@@ -39,6 +39,11 @@ inline const char* resultName(Result result)
 
 class BSContext {
 public:
+    // With `keep`, the signature check takes its key from the keys kept for
+    // the life of the process (VerifyContext::loadKeptKey) instead of parsing
+    // the text again: the same answers and log lines, less work per call.
+    void keepKeys(bool keep) { m_keepKeys = keep; }
+
     // Loads the block of `path`, selects the built-in key it names and checks
     // the signature over the signed region: 0, 4, 5 or 6.
     Result verifyFile(const std::string& path, const char* caller);
@@ -93,4 +98,7 @@ public:
     // A component's own report of the given kind (the "Action/FileSend" value).
     bool SendRequestNotification(const char* caller, const char* fileType, const char* path, const char* description,
                                  int kind) const;
+
+private:
+    bool m_keepKeys = false;
 };

@@ -1,12 +1,15 @@
 #include "verify_context.h"
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/pem.h>
 
 #include <algorithm>
 #include <climits>
 #include <cstddef>
+#include <map>
 #include <memory>
+#include <mutex>
 
 #include "log.h"
 
@@ -63,6 +66,35 @@ bool VerifyContext::loadKey(const std::string& key)
 bool VerifyContext::loadPublicKey(const std::string& key)
 {
     return loadKey(key);
+}
+
+bool VerifyContext::loadKeptKey(const std::string& key)
+{
+    // Parsed keys are read-only to OpenSSL's verification, so one object
+    // serves every thread; each context holds a reference of its own. OpenSSL
+    // is set up before the store exists, so that its clean-up at exit comes
+    // after the store has released the keys.
+    static const int s_openssl = OPENSSL_init_crypto(0, nullptr);
+    static std::mutex s_mutex;
+    static std::map<std::string, EvpPkeyPtr> s_kept;
+    (void)s_openssl;
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    const auto found = s_kept.find(key);
+    if (found != s_kept.end()) {
+        if (EVP_PKEY_up_ref(found->second.get()) != 1) {
+            return loadKey(key);
+        }
+        destroyKey();
+        m_pKey.reset(found->second.get());
+        return true;
+    }
+    if (!loadKey(key)) {
+        return false;
+    }
+    if (EVP_PKEY_up_ref(m_pKey.get()) == 1) {
+        s_kept.emplace(key, EvpPkeyPtr(m_pKey.get()));
+    }
+    return true;
 }
 
 bool VerifyContext::init()

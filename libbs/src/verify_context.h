@@ -32,6 +32,11 @@ public:
     // Only RSA keys are accepted; after a failure no key is held.
     bool loadKey(const std::string& key);
     bool loadPublicKey(const std::string& key);
+    // loadKey for a caller that checks many files with the same few keys: the
+    // key parsed from `key` is kept for the life of the process and shared by
+    // every later call with the same text, from any thread. A text that fails
+    // to parse is not kept; the next call tries again, with the same log line.
+    bool loadKeptKey(const std::string& key);
 
     // Starts a fresh SHA-256 digest, replacing any digest started before.
     bool init();

@@ -208,13 +208,13 @@ bool answerEvent(int group, int fd, bool allow)
 
 // The library's object-bound decision: the area from the opened file itself,
 // the root and container steps from the executing process, the content from
-// the descriptor. A refusal by the signature step is reported afterwards, off
-// the path of the answer.
+// the descriptor, with the keys parsed once. A refusal by the signature step
+// is reported afterwards, off the path of the answer.
 Verdict decideOnEvent(int fd, pid_t pid)
 {
     kzol_decision decision{KZOL_STEP_FAILURE, 0};
     Verdict verdict;
-    verdict.allow = verifyOpenFileForProcess(fd, pid, c_caller, KZOL_REPORT_LATER, &decision) == 1;
+    verdict.allow = verifyOpenFileForProcess(fd, pid, c_caller, KZOL_REPORT_LATER | KZOL_KEEP_KEYS, &decision) == 1;
     verdict.cacheable = verdict.allow && decision.step == KZOL_STEP_SIGNATURE;
     verdict.reportLater = !verdict.allow && decision.step == KZOL_STEP_SIGNATURE;
     verdict.result = decision.result;

@@ -57,7 +57,11 @@
  *   (/proc/PID/status; unreadable counts as root) and the container step
  *   from its zone file (/proc/PID/zone). With KZOL_REPORT_LATER in flags a
  *   refusal is logged but not reported; the caller reports it afterwards with
- *   reportRefusal(fd, caller, decision->result).
+ *   reportRefusal(fd, caller, decision->result). With KZOL_KEEP_KEYS the
+ *   signature is checked with the built-in public keys parsed on the first
+ *   such call and kept for the life of the process (parsing a key costs more
+ *   than checking a small file): the same answers and log lines, for a
+ *   daemon that decides many files. Without it every call parses the key.
  *
  * reportRefusal(fd, caller, result)
  *   Reports the refusal of the open file fd with that verification result,
@@ -84,7 +88,8 @@
  *   verification calls.
  *
  * Threads: every call blocks its thread until done (connecting to the daemon
- * has no timeout) and may come from any thread; calls do not share state, and
+ * has no timeout) and may come from any thread; calls do not share state
+ * (but for the keys that KZOL_KEEP_KEYS keeps, read-only once parsed), and
  * the disable-certificate search is serialised inside the library. A failure
  * that would escape as an exception refuses the file (0) and makes
  * SendSecurityReport answer 1.
@@ -142,8 +147,9 @@ struct kzol_decision {
     int step;   /* enum kzol_step */
     int result; /* enum kzol_result for KZOL_STEP_SIGNATURE, else 0 */
 };
-/* verifyOpenFileForProcess: a refusal is reported by the caller (reportRefusal). */
-enum { KZOL_REPORT_LATER = 1 };
+/* verifyOpenFileForProcess flags: a refusal is reported by the caller
+ * (reportRefusal); the built-in keys are parsed once and kept. */
+enum { KZOL_REPORT_LATER = 1, KZOL_KEEP_KEYS = 2 };
 int verifyFileExplained(const char* fileName, const char* caller, struct kzol_decision* decision);
 int verifyFile(void* unused, const char* fileName, const char* caller);
 int verifyFileDescriptor(int fd, const char* fileName, const char* caller);

@@ -250,6 +250,7 @@ struct Request {
     int fd = -1;
     pid_t pid = 0;               // the process that runs the file; 0: this one
     bool reportLater = false;    // a refusal is reported by the caller
+    bool keepKeys = false;       // the built-in keys parsed once per process
     UniqueFd* sealed = nullptr;  // the content verified in a sealed copy, kept here
     unsigned long long maxCopy = 0;
     int copyError = 0;  // why the sealed copy could not be made
@@ -408,6 +409,7 @@ try {
     const auto decided = [decision](int step, int result) { record(decision, step, result); };
     decided(KZOL_STEP_FAILURE, BS_ERROR);
     BSContext context;
+    context.keepKeys(request.keepKeys);
     char resolved[c_resolvedSize];
     std::memset(resolved, 0, sizeof(resolved));
     const Where where =
@@ -542,6 +544,7 @@ extern "C" int verifyOpenFileForProcess(int fd, int pid, const char* caller, int
     Request request = opened(fd);
     request.pid = pid;
     request.reportLater = (flags & KZOL_REPORT_LATER) != 0;
+    request.keepKeys = (flags & KZOL_KEEP_KEYS) != 0;
     return decide(request, caller, decision);
 }
 
