@@ -348,8 +348,10 @@ TEST_F(KzolRelease, BatchCommitsEveryGoodFileInRounds)
 // token's failures are named. The PIN (right or wrong) never appears in any
 // output, and once kzol is done no copy of it is left in its memory: a
 // preloaded search (support/pin_scan.c) looks through every writable mapping
-// as the process ends. The one copy it finds is the command line's, which is
-// the caller's: that it is found shows the search would see any other.
+// as the process ends, after the token's module is unloaded (what libp11 and
+// the module left on the heap is searched too; they leave no copy, so no
+// region is set aside). The one copy it finds is the command line's, which
+// is the caller's: that it is found shows the search would see any other.
 TEST_F(KzolRelease, KeyInAPkcs11Token)
 {
     const char* module = "/usr/lib/softhsm/libsofthsm2.so";
