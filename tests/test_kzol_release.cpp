@@ -3,11 +3,13 @@
 // key or type, large files read in pieces, a key in a PKCS#11 token, and root
 // signing a tree that another user wrote.
 #include <json/json.h>
+#include <sched.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -32,24 +34,16 @@ static std::string sha256Hex(const std::string& pem)
 // A deployment's keys, made once for the suite by the tool itself.
 class KzolRelease : public testing::Test {
 protected:
-    static void SetUpTestSuite()
-    {
-        s_keys = new TempDir();
-        ASSERT_EQ(kzol("keygen " + shq(s_keys->path())), 0);
-    }
-    static void TearDownTestSuite()
-    {
-        delete s_keys;
-        s_keys = nullptr;
-    }
-    static std::string key(const char* name) { return s_keys->file(name); }
-    static TempDir* s_keys;
+    static void SetUpTestSuite() { ASSERT_EQ(kzol("keygen " + shq(s_keys.path())), 0); }
+    static std::string key(const char* name) { return s_keys.file(name); }
+    static const TempDir s_keys;
 };
-TempDir* KzolRelease::s_keys = nullptr;
+const TempDir KzolRelease::s_keys;
 
 namespace {
 
-// One kzol run of a table: its arguments, exit status and standard output.
+// One run of a table: its arguments, exit status, and its output: all of
+// standard output (expectRuns), or a part of both streams.
 struct ToolCase {
     const char* name;
     std::string args;
@@ -57,37 +51,28 @@ struct ToolCase {
     std::string out;
 };
 
-std::string sortedText(std::vector<std::string> lines)
+// Runs every case in `dir`: its status and all of its standard output.
+void expectRuns(const std::vector<ToolCase>& cases, const std::string& dir = ".")
 {
-    std::sort(lines.begin(), lines.end());
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + "\n";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string text;
+        EXPECT_EQ(kzol(c.args, &text, dir), c.status);
+        EXPECT_EQ(text, c.out);
     }
-    return text;
 }
 
-// Sorted "PATH CLASS" lines, one per file, from the audit's JSON lines.
-std::string auditClasses(const std::string& json)
+// `kzol ARGS` run by the shell in `dir` after `before` (variables, or a
+// command and "&&"), both output streams in `text`: its exit status.
+int kzolIn(const std::string& dir, const std::string& args, std::string* text, const std::string& before = "")
 {
-    std::vector<std::string> lines;
-    std::istringstream in(json);
-    for (std::string text; std::getline(in, text);) {
-        Json::Value file;
-        std::string errors;
-        std::istringstream line(text);
-        if (!Json::parseFromStream(Json::CharReaderBuilder(), line, &file, &errors)) {
-            return "unparsable audit line: " + text + ": " + errors;
-        }
-        if (!file.isMember("summary")) {
-            lines.push_back(file["path"].asString() + " " + file["class"].asString());
-        }
-    }
-    return sortedText(lines);
+    return run("cd " + shq(dir) + " && " + before + shq(KZOL_TOOL) + " " + args + " 2>&1", text);
 }
 
-// The same lines from kzol verify's "PATH: RESULT" lines.
-std::string verifyClasses(const std::string& output)
+// Sorted "PATH CLASS" lines, one per file, from the audit's JSON lines (but
+// for special files, which verify does not open) or from kzol verify's
+// "PATH: RESULT" lines.
+std::string classesOf(const std::string& output)
 {
     const std::map<std::string, std::string> classes = {{"BS_SIGNATURE_CORRECT", "correct"},
                                                         {"BS_NOT_SIGNED", "not-signed"},
@@ -95,206 +80,162 @@ std::string verifyClasses(const std::string& output)
                                                         {"BS_ERROR", "error"}};
     std::vector<std::string> lines;
     std::istringstream in(output);
-    for (std::string line; std::getline(in, line);) {
-        const std::size_t colon = line.rfind(": ");
-        const auto found = colon != std::string::npos ? classes.find(line.substr(colon + 2)) : classes.end();
-        lines.push_back(found != classes.end() ? line.substr(0, colon) + " " + found->second : "unexpected: " + line);
+    for (std::string text; std::getline(in, text);) {
+        Json::Value file;
+        std::istringstream line(text);
+        if (text.compare(0, 1, "{") == 0 && Json::parseFromStream(Json::CharReaderBuilder(), line, &file, nullptr)) {
+            if (!file.isMember("summary") && file["class"] != "special") {
+                lines.push_back(file["path"].asString() + " " + file["class"].asString() + "\n");
+            }
+            continue;
+        }
+        const std::size_t colon = text.rfind(": ");
+        const auto found = colon != std::string::npos ? classes.find(text.substr(colon + 2)) : classes.end();
+        lines.push_back(found != classes.end() ? text.substr(0, colon) + " " + found->second + "\n"
+                                               : "unexpected: " + text + "\n");
     }
-    return sortedText(lines);
+    std::sort(lines.begin(), lines.end());
+    std::string sorted;
+    for (const std::string& line : lines) {
+        sorted += line;
+    }
+    return sorted;
 }
 
 }  // namespace
 
-TEST_F(KzolRelease, BatchSignThenVerifyWithTheDeploymentsKeys)
+// A batch signed with a deployment's key verifies with its keys and no other;
+// kzol keys names every key by its fingerprint and the development ones.
+TEST_F(KzolRelease, BatchSignThenVerifyAndNameTheDeploymentsKeys)
 {
     const TempDir work;
-    std::string list;
-    for (int i = 0; i < 12; ++i) {
-        const std::string name = "s" + std::to_string(i) + ".sh";
-        writeFile(work.file(name), "#!/bin/sh\necho " + std::to_string(i) + "\n");
-        list += name + " ";
-    }
+    writeFile(work.file("s0.sh"), "#!/bin/sh\necho 0\n");
+    writeFile(work.file("s1.sh"), "#!/bin/sh\necho 1\n");
     std::string out;
-    ASSERT_EQ(kzol("sign -j 2 --keys " + shq(s_keys->path()) + " --key " + shq(key("private_key_5.pem")) +
-                       " --key-id 5 " + list,
+    ASSERT_EQ(kzol("sign -j 2 --keys " + shq(s_keys.path()) + " --key " + shq(key("private_key_5.pem")) +
+                       " --key-id 5 s0.sh s1.sh",
                    &out, work.path(), true),
               0)
         << out;
-    EXPECT_NE(out.find("12 signed, 0 skipped, 0 failed\n"), std::string::npos) << out;
-    // One byte changed after signing.
-    std::string tampered = readFile(work.file("s3.sh"));
+    EXPECT_NE(out.find("2 signed, 0 skipped, 0 failed\n"), std::string::npos) << out;
+    std::string tampered = readFile(work.file("s0.sh"));  // one byte changed after signing
     tampered[11] = 'X';
-    writeFile(work.file("s3.sh"), tampered);
-
-    std::string expected;
-    for (int i = 0; i < 12; ++i) {
-        expected +=
-            "s" + std::to_string(i) + ".sh: " + (i == 3 ? "BS_SIGNATURE_INCORRECT" : "BS_SIGNATURE_CORRECT") + "\n";
-    }
-    const std::string keys5 = " --pubkey 5=" + shq(key("public_key_5.pem")) + " ";
-    const std::vector<ToolCase> cases = {
-        {"deployment keys", "verify --keys " + shq(s_keys->path()) + " " + list, 1, expected},
-        {"one file, bare result", "verify --caller tester --keys " + shq(s_keys->path()) + " s0.sh", 0,
-         "BS_SIGNATURE_CORRECT\n"},
-        {"built-in keys", "verify s0.sh", 1, "BS_SIGNATURE_INCORRECT\n"},
-        {"single public key", "verify" + keys5 + "s1.sh", 0, "BS_SIGNATURE_CORRECT\n"},
-        {"the other selector's key given", "verify --pubkey 5=" + shq(key("public_key_6.pem")) + " s1.sh", 1,
-         "BS_SIGNATURE_INCORRECT\n"},
-        {"selector without a given key", "verify --pubkey 6=" + shq(key("public_key_6.pem")) + " s1.sh", 1,
-         "BS_ERROR\n"},
-        {"--pubkey over the directory",
-         "verify --keys " + shq(s_keys->path()) + " --pubkey 5=" + shq(devPublicKey('5')) + " s1.sh", 1,
-         "BS_SIGNATURE_INCORRECT\n"},
-        {"missing file among good ones", "verify" + keys5 + "s0.sh nothere s1.sh", 2,
-         "s0.sh: BS_SIGNATURE_CORRECT\ns1.sh: BS_SIGNATURE_CORRECT\n"},
-        {"private key as public key", "verify --pubkey 5=" + shq(key("private_key_5.pem")) + " s0.sh", 2, ""},
-        {"empty key directory", "verify --keys . s0.sh", 2, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string text;
-        EXPECT_EQ(kzol(c.args, &text, work.path()), c.status);
-        EXPECT_EQ(text, c.out);
-    }
-}
-
-TEST_F(KzolRelease, KeysNamesFingerprintsAndTheDevelopmentKeys)
-{
+    writeFile(work.file("s0.sh"), tampered);
     const std::string dev5 = sha256Hex(devPublicKey('5')), dev6 = sha256Hex(devPublicKey('6'));
     const std::string mine5 = sha256Hex(key("public_key_5.pem")), mine6 = sha256Hex(key("public_key_6.pem"));
     const std::string builtIn =
         "built-in key 5: SHA256:" + dev5 + "\nbuilt-in key 6: SHA256:" + dev6 + "\n" +
         "WARNING: this build verifies with the DEVELOPMENT keys of the source tree (keys/dev); their private halves"
         " are public, anyone can sign for it: never ship it\n";
-    const std::vector<ToolCase> cases = {
-        {"built-in only", "keys", 0, builtIn},
-        {"the tree's own keys", "keys --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev"), 0,
-         builtIn + "given key 5: SHA256:" + dev5 +
-             " (matches the built-in key), the DEVELOPMENT key 5 of keys/dev\ngiven key 6: SHA256:" + dev6 +
-             " (matches the built-in key), the DEVELOPMENT key 6 of keys/dev\n"},
-        {"a deployment's keys", "keys --keys " + shq(s_keys->path()), 1,
-         builtIn + "given key 5: SHA256:" + mine5 + " (DIFFERS from the built-in key)\ngiven key 6: SHA256:" + mine6 +
-             " (DIFFERS from the built-in key)\n"},
-        {"one key given", "keys --pubkey 6=" + shq(devPublicKey('6')), 1,
-         builtIn + "given key 5: none\ngiven key 6: SHA256:" + dev6 +
-             " (matches the built-in key), the DEVELOPMENT key 6 of keys/dev\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::string text;
-        EXPECT_EQ(kzol(c.args, &text), c.status);
-        EXPECT_EQ(text, c.out);
-    }
+    expectRuns(
+        {
+            {"deployment keys", "verify --keys " + shq(s_keys.path()) + " s0.sh s1.sh", 1,
+             "s0.sh: BS_SIGNATURE_INCORRECT\ns1.sh: BS_SIGNATURE_CORRECT\n"},
+            {"built-in keys", "verify s1.sh", 1, "BS_SIGNATURE_INCORRECT\n"},
+            {"--pubkey over the directory",
+             "verify --keys " + shq(s_keys.path()) + " --pubkey 5=" + shq(devPublicKey('5')) + " s1.sh", 1,
+             "BS_SIGNATURE_INCORRECT\n"},
+            {"private key as public key", "verify --pubkey 5=" + shq(key("private_key_5.pem")) + " s1.sh", 2, ""},
+            {"empty key directory", "verify --keys . s1.sh", 2, ""},
+            {"built-in only", "keys", 0, builtIn},
+            {"the tree's own keys", "keys --keys " + shq(std::string(KZOL_SOURCE_DIR) + "/keys/dev"), 0,
+             builtIn + "given key 5: SHA256:" + dev5 +
+                 " (matches the built-in key), the DEVELOPMENT key 5 of keys/dev\ngiven key 6: SHA256:" + dev6 +
+                 " (matches the built-in key), the DEVELOPMENT key 6 of keys/dev\n"},
+            {"a deployment's keys", "keys --keys " + shq(s_keys.path()), 1,
+             builtIn + "given key 5: SHA256:" + mine5 + " (DIFFERS from the built-in key)\ngiven key 6: SHA256:" +
+                 mine6 + " (DIFFERS from the built-in key)\n"},
+            {"one key given", "keys --pubkey 6=" + shq(devPublicKey('6')), 1,
+             builtIn + "given key 5: none\ngiven key 6: SHA256:" + dev6 +
+                 " (matches the built-in key), the DEVELOPMENT key 6 of keys/dev\n"},
+        },
+        work.path());
 }
 
-// Each row signs a fresh copy of a.sh (and b.sh); `written` says whether a.sh
-// was replaced, `says` what the tool printed (both streams).
+// Each row signs in a fresh directory: a.sh and b.sh unsigned, old.sh signed
+// with key 5, other.sh with key 6, tampered.sh changed after signing, and the
+// key files and lists; `changed` names the files replaced, `says` what the tool printed (both
+// streams), `unsaid` what it must not. A resumed batch skips, quietly, only a
+// file whose block this key made and that still verifies; a block of another
+// key or a tampered one fails its file unless --force; a file named twice is
+// signed once.
 TEST_F(KzolRelease, KeyAndTypeCheckedBeforeAnyFileIsTouched)
 {
     const std::string content = "#!/bin/sh\necho a\n";
     const std::string dev5 = " --key " + shq(devPrivateKey('5')) + " ";
     const std::string dev6 = " --key " + shq(devPrivateKey('6')) + " ";
     const std::string fingerprint5 = "signing key: SHA256:" + sha256Hex(devPublicKey('5')) + "\n";
+    std::string tampered = signedFile("echo tampered\n", "P50", devPrivateKey('5'));
+    tampered[5] = 'X';
+    std::string encrypted;
+    ASSERT_EQ(run("openssl pkey -in " + shq(devPrivateKey('5')) + " -aes256 -passout 'pass:open sesame'", &encrypted),
+              0);
+    const std::map<std::string, std::string> files = {
+        {"a.sh", content},
+        {"list", "a.sh\n\nb.sh\n"},
+        {"empty.pem", ""},
+        {"pass", "open sesame\n"},
+        {"enc.pem", encrypted},
+        {"b.sh", content},
+        {"old.sh", signedFile("echo old\n", "P50", devPrivateKey('5'))},
+        {"other.sh", signedFile("echo other\n", "P50", devPrivateKey('6'))},
+        {"tampered.sh", tampered},
+    };
     struct Case {
         const char* name;
         std::string args;
         int status;
-        bool written;
+        std::string changed;
         const char* says;
+        const char* unsaid = nullptr;
     };
+    const std::string resume = "sign" + dev5 + "--key-id 5 a.sh old.sh other.sh ./a.sh tampered.sh a.sh";
     const std::vector<Case> cases = {
-        {"key 6 named as selector 5", "sign" + dev6 + "--key-id 5 a.sh", 2, false,
+        {"key 6 named as selector 5", "sign" + dev6 + "--key-id 5 a.sh", 2, "",
          "is the private half of the built-in key 6, not of key 5: its signatures would never verify; use --key-id 6"},
         {"deployment key 5 as 6 against its keys",
-         "sign --keys " + shq(s_keys->path()) + " --key " + shq(key("private_key_5.pem")) + " --key-id 6 a.sh", 2,
-         false, "is the private half of the given key 5, not of key 6"},
-        {"unknown key warned about", "sign --key " + shq(key("private_key_5.pem")) + " --key-id 5 a.sh", 0, true,
+         "sign --keys " + shq(s_keys.path()) + " --key " + shq(key("private_key_5.pem")) + " --key-id 6 a.sh", 2, "",
+         "is the private half of the given key 5, not of key 6"},
+        {"unknown key warned about", "sign --key " + shq(key("private_key_5.pem")) + " --key-id 5 a.sh", 0, "a.sh",
          "kzol: warning: "},
-        {"fingerprint of the key used", "sign" + dev5 + "--key-id 5 a.sh", 0, true, fingerprint5.c_str()},
-        {"type L refused", "sign" + dev5 + "--key-id 5 --type L a.sh", 2, false,
+        {"fingerprint of the key used", "sign" + dev5 + "--key-id 5 a.sh", 0, "a.sh", fingerprint5.c_str()},
+        {"type L refused", "sign" + dev5 + "--key-id 5 --type L a.sh", 2, "",
          "kzol: type L blocks select no key in the library"},
-        {"type L with --force", "sign" + dev5 + "--key-id 5 --type L --force a.sh", 0, true, "type L, key 5"},
-        {"-o with two files", "sign" + dev5 + "--key-id 5 -o out a.sh b.sh", 2, false, "kzol: -o takes one FILE"},
-        {"one missing among several", "sign" + dev5 + "--key-id 5 -j 2 a.sh missing b.sh", 1, true,
+        {"-o with two files", "sign" + dev5 + "--key-id 5 -o out a.sh b.sh", 2, "", "kzol: -o takes one FILE"},
+        {"one missing among several", "sign" + dev5 + "--key-id 5 -j 2 a.sh missing b.sh", 1, "a.sh b.sh",
          "2 signed, 0 skipped, 1 failed"},
-        {"list on standard input", "sign" + dev5 + "--key-id 5 --from - < list", 0, true,
+        {"list on standard input", "sign" + dev5 + "--key-id 5 --from - < list", 0, "a.sh b.sh",
          "2 signed, 0 skipped, 0 failed"},
-        {"empty key file", "sign --key empty.pem --key-id 5 a.sh", 2, false,
+        {"empty key file", "sign --key empty.pem --key-id 5 a.sh", 2, "",
          "kzol: empty.pem is empty: --key needs a PEM private key\n"},
-        {"public key as --key", "sign --key " + shq(devPublicKey('5')) + " --key-id 5 a.sh", 2, false,
+        {"public key as --key", "sign --key " + shq(devPublicKey('5')) + " --key-id 5 a.sh", 2, "",
          "holds a public key, not an unencrypted PEM private key: --key needs the private key\n"},
-        {"encrypted key off a terminal", "sign --key enc.pem --key-id 5 a.sh < /dev/null", 2, false,
+        {"encrypted key off a terminal", "sign --key enc.pem --key-id 5 a.sh < /dev/null", 2, "",
          "kzol: enc.pem is encrypted: give its passphrase with --pass-file"},
-        {"encrypted key, wrong passphrase", "sign --key enc.pem --pass-file list --key-id 5 a.sh", 2, false,
+        {"encrypted key, wrong passphrase", "sign --key enc.pem --pass-file list --key-id 5 a.sh", 2, "",
          "kzol: enc.pem: wrong passphrase, or not a PEM private key\n"},
-        {"encrypted key with --pass-file", "sign --key enc.pem --pass-file pass --key-id 5 a.sh", 0, true,
+        {"encrypted key with --pass-file", "sign --key enc.pem --pass-file pass --key-id 5 a.sh", 0, "a.sh",
          fingerprint5.c_str()},
+        {"resume", resume, 1, "a.sh", "1 signed, 1 skipped, 2 failed\n", "old.sh"},
+        {"resume with --force", resume + " --force", 0, "a.sh other.sh tampered.sh", "4 signed, 0 skipped, 0 failed\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const TempDir work;
-        writeFile(work.file("a.sh"), content);
-        writeFile(work.file("b.sh"), content);
-        writeFile(work.file("list"), "a.sh\n\nb.sh\n");
-        writeFile(work.file("empty.pem"), "");
-        writeFile(work.file("pass"), "open sesame\n");
-        ASSERT_EQ(run("openssl pkey -in " + shq(devPrivateKey('5')) + " -aes256 -passout 'pass:open sesame' -out " +
-                      shq(work.file("enc.pem"))),
-                  0);
-        std::string text;
-        const std::string command = "cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) + " " + c.args + " 2>&1";
-        EXPECT_EQ(run(command, &text), c.status);
-        EXPECT_NE(text.find(c.says), std::string::npos) << text;
-        EXPECT_EQ(readFile(work.file("a.sh")) != content, c.written);
-    }
-}
-
-// A resumed batch skips, quietly, only a file whose block this key made and
-// that still verifies; a block of another key or a tampered one fails its
-// file unless --force; a file named twice is signed once.
-TEST_F(KzolRelease, ResumeSkipsOnlyWhatThisKeySigned)
-{
-    struct Case {
-        const char* name;
-        const char* extra;
-        int status;
-        const char* summary;
-        bool othersKept;  // other.sh and tampered.sh left as they were
-    };
-    const std::vector<Case> cases = {
-        {"resume", "", 1, "1 signed, 1 skipped, 2 failed\n", true},
-        {"re-sign with --force", "--force ", 0, "4 signed, 0 skipped, 0 failed\n", false},
-    };
-    const std::string other = signedFile("echo other\n", "P50", devPrivateKey('6'));
-    std::string tampered = signedFile("echo tampered\n", "P50", devPrivateKey('5'));
-    tampered[5] = 'X';
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const TempDir work;
-        writeFile(work.file("new.sh"), "echo new\n");
-        writeFile(work.file("old.sh"), signedFile("echo old\n", "P50", devPrivateKey('5')));
-        writeFile(work.file("other.sh"), other);
-        writeFile(work.file("tampered.sh"), tampered);
-        std::string out, err;
-        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) + " sign " + c.extra + "--key " +
-                          shq(devPrivateKey('5')) +
-                          " --key-id 5 new.sh old.sh other.sh ./new.sh tampered.sh new.sh "
-                          "2>err",
-                      &out),
-                  c.status);
-        err = readFile(work.file("err"));
-        EXPECT_NE(out.find(c.summary), std::string::npos) << out;
-        EXPECT_EQ(readFile(work.file("new.sh")), signedFile("echo new\n", "P50", devPrivateKey('5')));
-        EXPECT_EQ(readFile(work.file("other.sh")) == other, c.othersKept);
-        EXPECT_EQ(readFile(work.file("tampered.sh")) == tampered, c.othersKept);
-        // One line for each file that failed, none for the one skipped.
-        std::size_t lines = 0;
-        for (std::size_t at = err.find("--force to re-sign it\n"); at != std::string::npos;
-             at = err.find("--force to re-sign it\n", at + 1)) {
-            ++lines;
+        for (const auto& [name, bytes] : files) {
+            writeFile(work.file(name), bytes);
         }
-        EXPECT_EQ(lines, c.othersKept ? 2U : 0U) << err;
-        EXPECT_EQ(err.find("old.sh"), std::string::npos) << err;
+        std::string text;
+        EXPECT_EQ(kzolIn(work.path(), c.args, &text), c.status);
+        EXPECT_NE(text.find(c.says), std::string::npos) << text;
+        if (c.unsaid != nullptr) {
+            EXPECT_EQ(text.find(c.unsaid), std::string::npos) << text;
+        }
+        for (const auto& [name, bytes] : files) {
+            EXPECT_EQ(readFile(work.file(name)) != bytes,
+                      (" " + c.changed + " ").find(" " + name + " ") != std::string::npos)
+                << name;
+        }
     }
 }
 
@@ -304,14 +245,9 @@ TEST_F(KzolRelease, ResumeSkipsOnlyWhatThisKeySigned)
 // run left are named by the next run, and removed when asked.
 TEST_F(KzolRelease, InterruptedBatchLeavesNoTemporaryFile)
 {
-    struct Case {
-        const char* signal;
-        int status;
-    };
-    const std::vector<Case> cases = {{"INT", 130}, {"TERM", 143}};
     const int count = 2000;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.signal);
+    for (const auto& [signal, status] : std::vector<std::pair<std::string, int>>{{"INT", 130}, {"TERM", 143}}) {
+        SCOPED_TRACE(signal);
         const TempDir work;
         std::string list;
         for (int i = 0; i < count; ++i) {
@@ -327,8 +263,8 @@ TEST_F(KzolRelease, InterruptedBatchLeavesNoTemporaryFile)
         // ahead, as its output goes through a pipe read line by line.
         EXPECT_EQ(run("cd " + shq(work.path()) + " && { sh -c \"" + sign + " 2>err & echo \\$! >pid; wait \\$!; " +
                       "echo \\$? >status\" | { n=0; while IFS= read -r line; do echo \"$line\" >>out; n=$((n+1)); " +
-                      "[ $n -ne 100 ] || kill -" + c.signal + " $(cat pid); done; }; }; exit $(cat status)"),
-                  c.status);
+                      "[ $n -ne 100 ] || kill -" + signal + " $(cat pid); done; }; }; exit $(cat status)"),
+                  status);
         std::string out = readFile(work.file("out"));
         const std::size_t summary = out.find("interrupted: ");
         ASSERT_NE(summary, std::string::npos) << out;
@@ -336,24 +272,21 @@ TEST_F(KzolRelease, InterruptedBatchLeavesNoTemporaryFile)
         const std::string err = readFile(work.file("err"));
         EXPECT_NE(err.find("left by an earlier run: d1/.f1.sh.kzol-AbC123"), std::string::npos) << err;
         EXPECT_NE(err.find("--remove-leftovers"), std::string::npos) << err;
-        std::string verified;
-        run("cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) +
-                " verify $(cat list) | sed 's/.*: //' | sort | uniq -c",
-            &verified);
         const std::size_t signedCount = std::stoul(out.substr(std::string("interrupted: ").size()));
         EXPECT_GT(signedCount, 0U) << out;
         EXPECT_LT(signedCount, static_cast<std::size_t>(count)) << out;
-        EXPECT_NE(verified.find(" " + std::to_string(signedCount) + " BS_SIGNATURE_CORRECT"), std::string::npos)
-            << verified;
-        EXPECT_NE(verified.find(" " + std::to_string(count - signedCount) + " BS_NOT_SIGNED"), std::string::npos)
-            << verified;
+        std::string verified;
+        kzolIn(work.path(), "verify --from list", &verified);
+        EXPECT_NE(verified.find(std::to_string(count) + " files: " + std::to_string(signedCount) +
+                                " correct, 0 incorrect, " + std::to_string(count - signedCount) +
+                                " not signed, 0 error"),
+                  std::string::npos);
         std::string leftovers;
         run("cd " + shq(work.path()) + " && find . -name '.*.kzol-*' | sort", &leftovers);
         EXPECT_EQ(leftovers, "./d1/.f1.sh.kzol-AbC123\n");
         writeFile(work.file("one"), "d1/f1.sh\n");
-        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + shq(KZOL_TOOL) + " sign --key " + shq(devPrivateKey('5')) +
-                          " --key-id 5 --from one --remove-leftovers 2>&1",
-                      &out),
+        EXPECT_EQ(kzolIn(work.path(),
+                         "sign --key " + shq(devPrivateKey('5')) + " --key-id 5 --from one --remove-leftovers", &out),
                   0);
         EXPECT_NE(out.find("removed 1 temporary file(s) left by an earlier run"), std::string::npos) << out;
         EXPECT_FALSE(fs::exists(work.file("d1/.f1.sh.kzol-AbC123")));
@@ -364,84 +297,61 @@ TEST_F(KzolRelease, InterruptedBatchLeavesNoTemporaryFile)
 // every good file is signed exactly as the openssl command signs it, in
 // either directory, however few descriptors the process may open; the ones
 // that fail are counted and leave the rest alone; no temporary file is left.
+// Signing reads in 1 MiB pieces: files around the piece size come out as the
+// openssl command signs them (PKCS#1 v1.5 signatures are deterministic), also
+// when an old block of the other key is replaced.
 TEST_F(KzolRelease, BatchCommitsEveryGoodFileInRounds)
 {
-    struct Case {
-        const char* name;
-        std::string limit;  // a shell command run before kzol
-    };
-    const std::vector<Case> cases = {
-        {"descriptors as usual", "true"},
-        {"few descriptors", "ulimit -Sn 20"},
-    };
-    const std::size_t bigSize = (5 << 20) + 7;  // written while the next piece is read
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+    // Name, content, and the bytes written before signing.
+    std::vector<std::array<std::string, 3>> files = {{"b/x.sh", "echo x\n", "echo x\n"}};
+    for (int i = 0; i < 40; ++i) {
+        const std::string content = "#!/bin/sh\necho " + std::to_string(i) + "\n";
+        files.push_back({"a/" + std::to_string(i) + ".sh", content, content});
+    }
+    const std::size_t mib = 1 << 20;
+    // From 4 MiB on, one thread reads and hashes while another writes.
+    for (const std::size_t size : {mib - 1, mib, mib + 1, 2 * mib + 4097, 4 * mib + 1}) {
+        std::string content(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) {
+            content[i] = static_cast<char>((i * 2654435761U) >> 11);
+        }
+        files.push_back({"b/" + std::to_string(size), content, content});
+        files.push_back(
+            {"b/" + std::to_string(size) + ".old", content, signedFile(content, "P60", devPrivateKey('6')) + "\n"});
+    }
+    // Descriptors as usual, and few.
+    for (const std::string limit : {"true", "ulimit -Sn 20"}) {
+        SCOPED_TRACE(limit);
         const TempDir work;
-        std::filesystem::create_directory(work.file("a"));
-        std::filesystem::create_directory(work.file("b"));
-        std::map<std::string, std::string> contents;
-        for (int i = 0; i < 40; ++i) {
-            contents["a/" + std::to_string(i) + ".sh"] = "#!/bin/sh\necho " + std::to_string(i) + "\n";
-        }
-        contents["b/x.sh"] = "echo x\n";
-        std::string big(bigSize, '\0');
-        for (std::size_t i = 0; i < big.size(); ++i) {
-            big[i] = static_cast<char>((i * 2654435761U) >> 11);
-        }
-        contents["b/big"] = big;
         std::string list = "nothere\na\n";
-        for (const auto& [name, content] : contents) {
-            writeFile(work.file(name), content);
+        for (const auto& [name, content, bytes] : files) {
+            writeFile(work.file(name), bytes);
             list += name + "\n";
         }
         writeFile(work.file("list"), list);
 
         std::string out;
-        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + c.limit + " && " + shq(KZOL_TOOL) + " sign -j 2 --key " +
-                          shq(devPrivateKey('5')) + " --key-id 5 --from list 2>/dev/null",
-                      &out),
+        EXPECT_EQ(kzolIn(work.path(), "sign -j 2 --force --key " + shq(devPrivateKey('5')) + " --key-id 5 --from list",
+                         &out, limit + " && "),
                   1);
-        EXPECT_NE(out.find("42 signed, 0 skipped, 2 failed\n"), std::string::npos) << out;
-        for (const auto& [name, content] : contents) {
+        EXPECT_NE(out.find("51 signed, 0 skipped, 2 failed\n"), std::string::npos) << out;
+        for (const auto& [name, content, bytes] : files) {
             SCOPED_TRACE(name);
             EXPECT_TRUE(readFile(work.file(name)) == signedFile(content, "P50", devPrivateKey('5')));
         }
-        for (const char* dir : {"a", "b"}) {
-            for (const auto& entry : std::filesystem::directory_iterator(work.file(dir))) {
-                EXPECT_EQ(entry.path().filename().string().find(".kzol-"), std::string::npos) << entry.path();
-            }
-        }
-    }
-}
-
-// Signing reads in 1 MiB pieces: files around the piece size come out as the
-// openssl command signs them (PKCS#1 v1.5 signatures are deterministic), also
-// when an old block is replaced.
-TEST_F(KzolRelease, LargeFilesSignedPieceByPiece)
-{
-    const TempDir work;
-    const std::size_t mib = 1 << 20;
-    // From 4 MiB on, one thread reads and hashes while another writes.
-    for (const std::size_t size : {mib - 1, mib, mib + 1, 2 * mib + 4097, 4 * mib + 1}) {
-        SCOPED_TRACE(size);
-        std::string content(size, '\0');
-        for (std::size_t i = 0; i < size; ++i) {
-            content[i] = static_cast<char>((i * 131) >> 7);
-        }
-        const std::string expected = signedFile(content, "P60", devPrivateKey('6'));
-        writeFile(work.file("big"), content);
-        EXPECT_EQ(kzol("sign --key " + shq(devPrivateKey('6')) + " --key-id 6 big", nullptr, work.path()), 0);
-        EXPECT_TRUE(readFile(work.file("big")) == expected);
-        // Re-signed with the other key: the old block goes, the content stays.
-        writeFile(work.file("big"), signedFile(content, "P50", devPrivateKey('5')) + "\n");
-        EXPECT_EQ(kzol("sign --force --key " + shq(devPrivateKey('6')) + " --key-id 6 big", nullptr, work.path()), 0);
-        EXPECT_TRUE(readFile(work.file("big")) == expected);
+        run("cd " + shq(work.path()) + " && find . -name '.*.kzol-*'", &out);
+        EXPECT_EQ(out, "");
     }
 }
 
 // A key in a SoftHSM2 token made here: signatures equal the PEM key's, and the
-// token's failures are named.
+// token's failures are named. The PIN (right or wrong) never appears in any
+// output, and once kzol is done no copy of it is left in its memory: a
+// preloaded search (support/pin_scan.c) looks through every writable mapping
+// as the process ends, after the token's module is unloaded (what libp11 and
+// the module left on the heap is searched too; they leave no copy, so no
+// region is set aside). The one copy it finds is the command line's, which
+// is the caller's: that it is found shows the search would see any other.
 TEST_F(KzolRelease, KeyInAPkcs11Token)
 {
     const char* module = "/usr/lib/softhsm/libsofthsm2.so";
@@ -450,15 +360,23 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
     writeFile(hsm.file("softhsm2.conf"),
               "directories.tokendir = " + hsm.file("tokens") + "\nobjectstore.backend = file\n");
     fs::create_directories(hsm.file("tokens"));
+    const std::string pin = "73915286404";
     const std::string env = "SOFTHSM2_CONF=" + shq(hsm.file("softhsm2.conf")) + " ";
-    ASSERT_EQ(run(env + "softhsm2-util --init-token --free --label release --so-pin 9999 --pin 1234 >/dev/null"), 0);
+    ASSERT_EQ(run(env + "softhsm2-util --init-token --free --label release --so-pin 9999 --pin " + pin + " >/dev/null"),
+              0);
     ASSERT_EQ(run("openssl pkcs8 -topk8 -nocrypt -in " + shq(devPrivateKey('5')) + " -out " + shq(hsm.file("k5.p8"))),
               0);
     ASSERT_EQ(run(env + "softhsm2-util --import " + shq(hsm.file("k5.p8")) +
-                  " --token release --label key5 --id 05 --pin 1234 >/dev/null"),
+                  " --token release --label key5 --id 05 --pin " + pin + " >/dev/null"),
               0);
-    writeFile(hsm.file("pin"), "1234\n");
-
+    writeFile(hsm.file("pin"), pin + "\n");
+    // Sanitizer runtimes must come first in a process, and a user-mode
+    // emulator would take the preload for itself: no search there.
+    const bool search = !std::string(KZOL_PIN_SCAN).empty() && !KZOL_CROSS_EMULATED;
+    const std::string scan = !search ? ""
+                                     : "LD_PRELOAD=" + shq(KZOL_PIN_SCAN) +
+                                           " KZOL_PIN_SCAN_OUT=" + shq(work.file("found")) +
+                                           " KZOL_PIN_SCAN_SECRET=" + shq(hsm.file("pin")) + " ";
     const std::string content = "#!/bin/sh\necho from the token\n";
     const std::string uri = "pkcs11:token=release;object=key5?module-path=" + std::string(module);
     // extra: options after the key; env: before the command
@@ -471,37 +389,39 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
         std::string env = "";
     };
     const std::vector<Case> cases = {
-        {"PIN in the URI", uri + "&pin-value=1234", "", 0, "signed a.sh"},
-        {"PIN hidden where the URI is shown", uri + "&pin-value=1234", "--keys " + shq(s_keys->path()), 0,
+        {"PIN in the URI", uri + "&pin-value=" + pin, "", 0, "signed a.sh"},
+        {"PIN hidden where the URI is shown", uri + "&pin-value=" + pin, "--keys " + shq(s_keys.path()), 0,
          "kzol: warning: pkcs11:token=release;object=key5?module-path=" + std::string(module) +
              "&pin-value=(hidden) matches neither given public key"},
         {"PIN file, key by id", "pkcs11:token=release;id=%05",
          "--module " + std::string(module) + " --pin-file " + shq(hsm.file("pin")), 0, "signed a.sh"},
-        {"PIN from the environment", uri, "", 0, "signed a.sh", "KZOL_PKCS11_PIN=1234 "},
+        {"PIN from the environment", uri, "", 0, "signed a.sh", "KZOL_PKCS11_PIN=" + pin + " "},
         {"no PIN anywhere", uri, "", 2, "the token needs a PIN"},
         {"wrong PIN", uri + "&pin-value=4321", "", 2, "PIN refused by the token"},
-        {"no such key", "pkcs11:token=release;object=key6?pin-value=1234&module-path=" + std::string(module), "", 2,
+        {"no such key", "pkcs11:token=release;object=key6?pin-value=" + pin + "&module-path=" + module, "", 2,
          "no private key in the token matches"},
         {"no such token", "pkcs11:token=other?module-path=" + std::string(module), "", 2,
          "no token labelled \"other\""},
         {"no module", "pkcs11:token=release", "", 2, "needs its module"},
         {"mistyped attribute", "pkcs11:tokn=release?module-path=" + std::string(module), "", 2,
          "unknown path attribute \"tokn\""},
-        {"bad escape", "pkcs11:token=rel%4?module-path=" + std::string(module), "", 2, "bad percent-escape"},
-        {"bad escape in the PIN", uri + "&pin-value=1234%4", "", 2, "bad percent-escape in the value of \"pin-value\""},
+        {"bad escape in the PIN", uri + "&pin-value=" + pin + "%4", "", 2,
+         "bad percent-escape in the value of \"pin-value\""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         writeFile(work.file("a.sh"), content);
+        writeFile(work.file("found"), "");
         std::string text;
-        EXPECT_EQ(run("cd " + shq(work.path()) + " && " + env + c.env + shq(KZOL_TOOL) + " sign --key " + shq(c.key) +
-                          " --key-id 5 " + c.extra + " a.sh 2>&1",
-                      &text),
+        EXPECT_EQ(kzolIn(work.path(), "sign --key " + shq(c.key) + " --key-id 5 " + c.extra + " a.sh", &text,
+                         env + c.env + scan),
                   c.status);
         EXPECT_NE(text.find(c.says), std::string::npos) << text;
-        // The PIN (right or wrong) never appears in any output.
-        EXPECT_EQ(text.find("1234"), std::string::npos) << text;
+        EXPECT_EQ(text.find(pin), std::string::npos) << text;
         EXPECT_EQ(text.find("4321"), std::string::npos) << text;
+        if (search) {
+            EXPECT_EQ(readFile(work.file("found")), c.key.find(pin) != std::string::npos ? "argv\n" : "");
+        }
         if (c.status == 0) {
             EXPECT_TRUE(readFile(work.file("a.sh")) == signedFile(content, "P50", devPrivateKey('5')));
             EXPECT_EQ(
@@ -511,9 +431,9 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
     }
     // A disable certificate from the token.
     std::string text;
-    EXPECT_EQ(run(env + shq(KZOL_TOOL) + " cert --key " + shq(uri + "&pin-value=1234") + " --key-id 5 --duid TV-7 -o " +
-                      shq(work.file("RTZOLOFF.cer")) + " 2>&1",
-                  &text),
+    EXPECT_EQ(kzolIn(work.path(),
+                     "cert --key " + shq(uri + "&pin-value=" + pin) + " --key-id 5 --duid TV-7 -o RTZOLOFF.cer", &text,
+                     env),
               0)
         << text;
 }
@@ -524,24 +444,20 @@ TEST_F(KzolRelease, KeyInAPkcs11Token)
 TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
 {
     const TempDir tree("/tmp");  // a user-writable area
-    std::string toSign5, toSign6;
+    // Every fourth file from the second on signed with key 5, from the third
+    // on with key 6; every fortieth from the third on tampered after signing.
     for (int i = 0; i < 240; ++i) {
-        const std::string name = "d" + std::to_string(i % 7) + "/f" + std::to_string(i) + ".sh";
+        const std::string name = "d" + std::to_string(i % 7) + "/f" + std::to_string(i) + ".k" + std::to_string(i % 4);
         writeFile(tree.file(name), "#!/bin/sh\necho " + std::to_string(i) + "\n");
-        if (i % 4 == 1) {
-            toSign5 += name + "\n";
-        } else if (i % 4 == 2) {
-            toSign6 += name + "\n";
-        }
     }
-    writeFile(tree.file("list5"), toSign5);
-    writeFile(tree.file("list6"), toSign6);
-    ASSERT_EQ(kzol("sign -j 2 --key " + shq(devPrivateKey('5')) + " --key-id 5 --from list5", nullptr, tree.path()), 0);
-    ASSERT_EQ(kzol("sign -j 2 --key " + shq(devPrivateKey('6')) + " --key-id 6 --from list6", nullptr, tree.path()), 0);
-    fs::remove(tree.file("list5"));
-    fs::remove(tree.file("list6"));
-    for (int i = 2; i < 240; i += 40) {  // signed with key 6, then tampered
-        const std::string name = tree.file("d" + std::to_string(i % 7) + "/f" + std::to_string(i) + ".sh");
+    for (const char key : {'5', '6'}) {
+        const std::string id(1, key), group = std::to_string(key - '4');
+        ASSERT_EQ(run("cd " + shq(tree.path()) + " && find . -name '*.k" + group + "' | " + shq(KZOL_TOOL) +
+                      " sign -j 2 --key " + shq(devPrivateKey(key)) + " --key-id " + id + " --from - >/dev/null 2>&1"),
+                  0);
+    }
+    for (int i = 2; i < 240; i += 40) {
+        const std::string name = tree.file("d" + std::to_string(i % 7) + "/f" + std::to_string(i) + ".k2");
         std::string bytes = readFile(name);
         bytes[0] = 'X';
         writeFile(name, bytes);
@@ -555,40 +471,24 @@ TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
     ASSERT_EQ(run(shq(KZOL_TOOL) + " audit -j 2 --json " + shq(tree.path()), &auditJson), 1);
     run("cd / && find " + shq(tree.path()) + " -type f -print0 | xargs -0 " + shq(KZOL_TOOL) + " verify",
         &verifyOutput);
-    const std::string audited = auditClasses(auditJson), verified = verifyClasses(verifyOutput);
-    std::string withoutSpecials = audited;
-    const std::string fifoLine = tree.file("fifo") + " special\n";
-    ASSERT_NE(withoutSpecials.find(fifoLine), std::string::npos) << audited;
-    withoutSpecials.erase(withoutSpecials.find(fifoLine), fifoLine.size());
-    EXPECT_EQ(withoutSpecials, verified);
-    EXPECT_EQ(audited.find("link-out"), std::string::npos);
+    EXPECT_EQ(classesOf(auditJson), classesOf(verifyOutput));
+    EXPECT_EQ(auditJson.find("link-out"), std::string::npos);
 
     EXPECT_EQ(kzol("audit " + shq(tree.path()), &table), 1);
-    struct Row {
-        const char* title;
-        int count;
-    };
-    const std::vector<Row> rows = {{"outside the areas (runs unchecked)", 0},
-                                   {"signed correctly, key 5", 60},
-                                   {"signed correctly, key 6", 54},
-                                   {"not signed", 120},
-                                   {"signed incorrectly", 6},
-                                   {"signature check error", 1},
-                                   {"special file (not opened)", 1},
-                                   {"would be refused", 128}};
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.title);
+    for (const auto& [title, count] :
+         std::vector<std::pair<const char*, int>>{{"outside the areas (runs unchecked)", 0},
+                                                  {"signed correctly, key 5", 60},
+                                                  {"signed correctly, key 6", 54},
+                                                  {"not signed", 120},
+                                                  {"signed incorrectly", 6},
+                                                  {"signature check error", 1},
+                                                  {"special file (not opened)", 1},
+                                                  {"would be refused", 128}}) {
+        SCOPED_TRACE(title);
         char line[80];
-        std::snprintf(line, sizeof(line), "%-36s %8d\n", r.title, r.count);
+        std::snprintf(line, sizeof(line), "%-36s %8d\n", title, count);
         EXPECT_NE(table.find(line), std::string::npos) << table;
     }
-    // Outside the areas nothing is refused.
-    const TempDir outside("/var/tmp");
-    writeFile(outside.file("plain.sh"), "echo plain\n");
-    EXPECT_EQ(kzol("audit " + shq(outside.path())), 0);
-    std::string outsideJson;
-    EXPECT_EQ(run(shq(KZOL_TOOL) + " audit --json " + shq(outside.path()), &outsideJson), 0);
-    EXPECT_EQ(auditClasses(outsideJson), outside.file("plain.sh") + " outside\n");
 }
 
 namespace {
@@ -597,8 +497,7 @@ namespace {
 // beside the name, the rename by name.
 void signByName(const std::string& path)
 {
-    std::ifstream in(path, std::ios::binary);
-    const std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string content = readFile(path);
     const std::string temporary = path.substr(0, path.rfind('/')) + "/.naive-tmp";
     std::ofstream(temporary, std::ios::binary) << content << "signed";
     ::rename(temporary.c_str(), path.c_str());
@@ -651,13 +550,7 @@ TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
               0);
     ASSERT_EQ(::setxattr((tree + "/id").c_str(), "security.kzol", "label", 5, 0), 0);
     const std::string sign = "sign --key " + shq(devPrivateKey('5')) + " --key-id 5 ";
-    struct Case {
-        const char* name;
-        std::string args;
-        int status;
-        const char* says;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<ToolCase> cases = {
         {"set-user-ID file keeps its owner", sign + "id", 0, "signed id"},
         {"link at FILE to a root-only file", sign + "link", 2, "link is a symbolic link; not followed"},
         {"link at -o to a root-only file", sign + "--force -o out-link id", 2,
@@ -668,8 +561,8 @@ TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::string text;
-        EXPECT_EQ(run("cd " + shq(tree) + " && " + shq(KZOL_TOOL) + " " + c.args + " 2>&1", &text), c.status);
-        EXPECT_NE(text.find(c.says), std::string::npos) << text;
+        EXPECT_EQ(kzolIn(tree, c.args, &text), c.status);
+        EXPECT_NE(text.find(c.out), std::string::npos) << text;
     }
     struct stat st {};
     ASSERT_EQ(::stat((tree + "/id").c_str(), &st), 0);
@@ -718,7 +611,8 @@ TEST_F(KzolRelease, RootSignsATreeAnUnprivilegedUserWrote)
 // kzol pubkey writes the one form the build takes from any PEM key, and the
 // build takes both keys or none: a deployment key beside a development one
 // fails, a development key is known by its content wherever it lies, and
-// the key pubkey writes is what the library is built with.
+// the library built with the keys pubkey wrote verifies what their private
+// keys signed, and nothing the development keys did.
 TEST_F(KzolRelease, PubkeyFeedsTheBuildWhichTakesBothKeysOrNone)
 {
     const TempDir work;
@@ -728,47 +622,32 @@ TEST_F(KzolRelease, PubkeyFeedsTheBuildWhichTakesBothKeysOrNone)
                   shq(work.file("pkcs1.pem")) + " 2>/dev/null && cp " + shq(devPublicKey('6')) + " " +
                   shq(work.file("copy6.pem"))),
               0);
-    const std::vector<ToolCase> conversions = {
-        {"private key", "pubkey " + shq(key("private_key_5.pem")), 0, mine5},
-        {"openssl pkey -pubout (451 characters)", "pubkey spki.pem", 0, mine5},
-        {"PKCS#1 public key", "pubkey pkcs1.pem", 0, mine5},
-        {"written to a file", "pubkey -o out.pem spki.pem", 0, ""},
-        {"file exists", "pubkey -o out.pem spki.pem", 1, ""},
-        {"empty key", "pubkey /dev/null", 2, ""},
-    };
-    for (const auto& c : conversions) {
-        SCOPED_TRACE(c.name);
-        std::string text;
-        EXPECT_EQ(kzol(c.args, &text, work.path()), c.status);
-        EXPECT_EQ(text, c.out);
-    }
+    expectRuns(
+        {
+            {"private key", "pubkey " + shq(key("private_key_5.pem")), 0, mine5},
+            {"openssl pkey -pubout (451 characters)", "pubkey spki.pem", 0, mine5},
+            {"PKCS#1 public key", "pubkey pkcs1.pem", 0, mine5},
+            {"written to a file", "pubkey -o out.pem spki.pem", 0, ""},
+            {"file exists", "pubkey -o out.pem spki.pem", 1, ""},
+            {"empty key", "pubkey /dev/null", 2, ""},
+            {"the other key", "pubkey -o mine6.pem " + shq(key("private_key_6.pem")), 0, ""},
+        },
+        work.path());
     EXPECT_EQ(readFile(work.file("out.pem")), mine5);
     std::string warned;
-    EXPECT_EQ(run(shq(KZOL_TOOL) + " pubkey " + shq(work.file("copy6.pem")) + " 2>&1 >/dev/null", &warned), 0);
+    EXPECT_EQ(kzolIn(work.path(), "pubkey copy6.pem", &warned), 0);
     EXPECT_NE(warned.find("this is the DEVELOPMENT key 6"), std::string::npos) << warned;
     // Unreadable to the user who runs kzol: one line that says so. (Under a
     // user-mode emulator the other user could not load kzol's libraries.)
     if (::geteuid() == 0 && !KZOL_CROSS_EMULATED) {
-        EXPECT_EQ(AsNobody([&] {
-                      return std::system((shq(KZOL_TOOL) + " verify --keys " + shq(s_keys->path()) + " " +
-                                          shq(work.file("spki.pem")) + " 2>&1 | grep -q '^kzol: unreadable key " +
-                                          "directory .*: Permission denied$'")
-                                             .c_str()) == 0
-                                 ? 0
-                                 : 1;
-                  }).wait(),
-                  0);
+        kzolIn(work.path(), "verify --keys " + shq(s_keys.path()) + " spki.pem", &warned,
+               "setpriv --reuid=65534 --regid=65534 --clear-groups ");
+        EXPECT_NE(warned.find("kzol: unreadable key directory " + s_keys.path()), std::string::npos) << warned;
+        EXPECT_NE(warned.find(": Permission denied\n"), std::string::npos) << warned;
     }
 
-    ASSERT_EQ(kzol("pubkey -o mine6.pem " + shq(key("private_key_6.pem")), nullptr, work.path()), 0);
-    struct Case {
-        const char* name;
-        std::string keys;
-        int status;
-        const char* says;
-    };
     const std::string dev5 = " -DKZOL_PUBLIC_KEY_5=" + shq(devPublicKey('5'));
-    const std::vector<Case> cases = {
+    const std::vector<ToolCase> cases = {
         {"only key 5 given", " -DKZOL_PUBLIC_KEY_5=" + shq(work.file("out.pem")), 1,
          "KZOL_PUBLIC_KEY_6 (" KZOL_SOURCE_DIR "/keys/dev/public_key_6.pem) is a development key"},
         {"a copy of a development key elsewhere", dev5 + " -DKZOL_PUBLIC_KEY_6=" + shq(work.file("copy6.pem")), 0,
@@ -779,22 +658,50 @@ TEST_F(KzolRelease, PubkeyFeedsTheBuildWhichTakesBothKeysOrNone)
          " -DKZOL_PUBLIC_KEY_5=" + shq(work.file("out.pem")) + " -DKZOL_PUBLIC_KEY_6=" + shq(work.file("mine6.pem")), 0,
          "Generating done"},
     };
+    const TempDir builds;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const TempDir build;
         std::string text;
-        EXPECT_EQ(run("cmake -S " + shq(KZOL_SOURCE_DIR) + " -B " + shq(build.path()) + c.keys + " 2>&1", &text),
-                  c.status);
+        const std::string dir = builds.file(std::to_string(&c - cases.data()));
+        EXPECT_EQ(run("cmake -S " + shq(KZOL_SOURCE_DIR) + " -B " + shq(dir) + c.args + " 2>&1", &text), c.status);
         // CMake wraps its messages: the lines joined again.
         for (std::size_t at = text.find("\n  "); at != std::string::npos; at = text.find("\n  ", at)) {
             text.replace(at, 3, " ");
         }
-        EXPECT_NE(text.find(c.says), std::string::npos) << text;
-        if (c.status == 0 && std::string(c.says) == "Generating done") {
+        EXPECT_NE(text.find(c.out), std::string::npos) << text;
+        if (&c == &cases.back()) {
             EXPECT_EQ(text.find("DEVELOPMENT"), std::string::npos);
-            const std::string header = readFile(build.file("generated/public_keys.h"));
-            std::string line = mine5.substr(27, 392);
-            EXPECT_NE(header.find(line), std::string::npos) << header;
+            const std::string header = readFile(dir + "/generated/public_keys.h");
+            EXPECT_NE(header.find(mine5.substr(27, 392)), std::string::npos) << header;
         }
     }
+    const std::string mine = builds.file("3");
+    std::string text;
+
+    // That library, on an emulated television, answers kzol check (as
+    // verifyFileWihtoutKey) for a file in an area; the tree's own library
+    // answers the other way round. The refusal's report reaches no other
+    // suite's daemon: from here on the test has a network namespace, so
+    // abstract sockets, of its own.
+    if (KZOL_CROSS_EMULATED || ::unshare(CLONE_NEWNET) != 0) {
+        GTEST_SKIP() << "the library's answers need a network namespace of their own and the host's compiler";
+    }
+    ASSERT_EQ(run("nice cmake --build " + shq(mine) + " --target kZOLUser --parallel 2 2>&1", &text), 0) << text;
+    ASSERT_EQ(kzol("profile init tv --tv", nullptr, work.path()), 0);
+    const TempDir area("/tmp");
+    writeFile(area.file("mine.sh"), "echo mine\n");
+    ASSERT_EQ(kzol("sign --key " + shq(key("private_key_6.pem")) + " --key-id 6 mine.sh", nullptr, area.path()), 0);
+    writeFile(area.file("dev.sh"), signedFile("echo dev\n", "P50", devPrivateKey('5')));
+    const std::string check =
+        "emulate tv -- env LD_LIBRARY_PATH=" + shq(mine + "/libbs") + " " + shq(KZOL_TOOL) + " check ";
+    expectRuns(
+        {
+            {"what the deployment key signed", check + shq(area.file("mine.sh")), 0,
+             "allowed (BS_SIGNATURE_CORRECT)\n"},
+            {"what the development key signed", check + shq(area.file("dev.sh")), 1,
+             "refused (BS_SIGNATURE_INCORRECT)\n"},
+            {"the tree's own library", "emulate tv -- " + shq(KZOL_TOOL) + " check " + shq(area.file("mine.sh")), 1,
+             "refused (BS_SIGNATURE_INCORRECT)\n"},
+        },
+        work.path());
 }

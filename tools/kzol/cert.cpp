@@ -17,6 +17,7 @@
 #include "commands.h"
 #include "common.h"
 #include "signing_key.h"
+#include "token_uri.h"
 #include "writer.h"
 
 namespace kzol {
@@ -179,7 +180,11 @@ void addCertCommand(CLI::App& app, int& status)
                 "With RTZOLOFF.cer at the root of an attached USB stick, that device runs unsigned scripts.\n"
                 "Exit status: 0 written; 1 refused because the file exists (nothing written); 2 usage or\n"
                 "I/O error (nothing written).\n");
-    cmd->callback([options, &status]() { status = runCert(*options); });
+    // The key's name may be a pkcs11: URI that holds the token's PIN.
+    cmd->callback([options, &status]() {
+        status = runCert(*options);
+        wipe(options->key);
+    });
 }
 
 }  // namespace kzol

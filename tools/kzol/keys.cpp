@@ -318,7 +318,11 @@ void addKeygenCommand(CLI::App& app, int& status)
                 "-DKZOL_PUBLIC_KEY_6=FILE. Any PEM public key (openssl pkey -pubout, openssl rsa\n"
                 "-RSAPublicKey_out) or private key converts. Exit status: 0 written; 1 the output exists;\n"
                 "2 unreadable key or bad usage.\n");
-    pub->callback([pubkey, &status]() { status = runPubkey(*pubkey); });
+    // The key's name may be a pkcs11: URI that holds the token's PIN.
+    pub->callback([pubkey, &status]() {
+        status = runPubkey(*pubkey);
+        wipe(pubkey->key);
+    });
 
     auto options = std::make_shared<KeygenOptions>();
     CLI::App* cmd = app.add_subcommand("keygen", "Create the RSA-2048 key pairs for key selectors 5 and 6");

@@ -1,5 +1,6 @@
 // kzol: keys, signing, inspection and checks for libkZOLUser.
 #include <CLI/CLI.hpp>
+#include <openssl/crypto.h>
 
 #include <algorithm>
 #include <iostream>
@@ -12,6 +13,21 @@
 #include "log_observer.h"
 
 namespace {
+
+// Every value the command line gave, wiped once the command is done: the
+// name of a key in a token may hold its PIN (pin-value). The command line
+// itself (argv) is the caller's.
+void wipeResults(CLI::App& app)
+{
+    for (CLI::Option* option : app.get_options()) {
+        for (const std::string& result : option->results()) {
+            OPENSSL_cleanse(const_cast<char*>(result.data()), result.size());
+        }
+    }
+    for (CLI::App* command : app.get_subcommands([](CLI::App*) { return true; })) {
+        wipeResults(*command);
+    }
+}
 
 // Edits (insertions, deletions, substitutions) that turn `a` into `b`.
 std::size_t editDistance(const std::string& a, const std::string& b)
@@ -100,6 +116,7 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
+        wipeResults(app);
         if (e.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             return app.exit(e);  // --help, --version
         }
@@ -107,5 +124,6 @@ int main(int argc, char** argv)
         std::cerr << "Run 'kzol --help' or 'kzol <command> --help' for usage." << std::endl;
         return kzol::c_exitError;
     }
+    wipeResults(app);
     return status;
 }

@@ -37,6 +37,7 @@
 #include "progress.h"
 #include "signature.h"
 #include "signing_key.h"
+#include "token_uri.h"
 #include "verify_context.h"
 #include "writer.h"
 
@@ -1005,7 +1006,11 @@ void addSignCommand(CLI::App& app, int& status)
                 "Several FILEs or --from: a line \"N signed, N skipped, N failed\"; 0 when none failed, 1 otherwise.\n"
                 "Every signed file is on disk before it takes its name: one FILE is flushed on its own; several\n"
                 "take their names in rounds, after one flush of their file system (syncfs) for each round.\n");
-    cmd->callback([options, &status]() { status = runSign(*options); });
+    // The key's name may be a pkcs11: URI that holds the token's PIN.
+    cmd->callback([options, &status]() {
+        status = runSign(*options);
+        wipe(options->key);
+    });
 }
 
 }  // namespace kzol
