@@ -54,11 +54,7 @@ TEST(HostileFiles, DefiniteAnswers)
     // no block lies beyond 4 GiB, and nothing of the hole is read.
     writeFile(at("sparse"), "");
     ASSERT_EQ(truncate(at("sparse").c_str(), off_t{1} << 32), 0);
-    {
-        const UniqueFd fd(open(at("sparse").c_str(), O_WRONLY | O_APPEND));
-        const std::string good = signedFile(c_script, "P50", devPrivateKey('5'));
-        ASSERT_EQ(write(fd.get(), good.data(), good.size()), static_cast<ssize_t>(good.size()));
-    }
+    appendFile(at("sparse"), signedFile(c_script, "P50", devPrivateKey('5')));
     std::string longName = area;
     while (longName.size() < 4096) {
         longName += "/d";

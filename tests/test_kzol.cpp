@@ -1,5 +1,6 @@
-// The kzol tool, run as a program: keygen, sign and inspect. Signed files are
-// compared with ones made independently of the tool by the openssl command.
+// The kzol tool, run as a program: keygen, sign, inspect, verify and audit.
+// Signed files are compared with ones made independently of the tool by the
+// openssl command.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,30 +32,6 @@ static Files snapshot(const std::string& dir)
 static std::string signArgs(const std::string& key, char keyId)
 {
     return "sign --key " + shq(key) + " --key-id " + keyId + " ";
-}
-
-TEST(KzolKeygen, WritesTwinKeysButOverwritesOnlyWithForce)
-{
-    const TempDir dir;
-    writeFile(dir.file("public_key_6.pem"), "old key\n");
-    EXPECT_EQ(kzol("keygen .", nullptr, dir.path()), 1);
-    EXPECT_EQ(snapshot(dir.path()), (Files{{"public_key_6.pem", "old key\n"}}));
-    std::string text;
-    ASSERT_EQ(kzol("keygen --force .", &text, dir.path(), true), 0) << text;
-    EXPECT_NE(readFile(dir.file("public_key_5.pem")), readFile(dir.file("public_key_6.pem")));
-    for (const std::string s : {"5", "6"}) {
-        const std::string pub = dir.file("public_key_" + s + ".pem"), priv = dir.file("private_key_" + s + ".pem");
-        // The public half of the private key, and the public key: the same RSA-2048 key (294 bytes of DER),
-        // the public one in the 445-character layout of the built-in keys; the private one for its owner alone.
-        std::string half, stored;
-        EXPECT_EQ(run("openssl pkey -pubout -outform DER -in " + shq(priv), &half), 0);
-        EXPECT_EQ(run("openssl pkey -pubin -outform DER -in " + shq(pub), &stored), 0);
-        SCOPED_TRACE(s);
-        EXPECT_EQ(half, stored);
-        EXPECT_EQ(stored.size(), 294u);
-        EXPECT_EQ(readFile(pub).size(), 445u);
-        EXPECT_EQ(fs::status(priv).permissions(), fs::perms(0600));
-    }
 }
 
 // Every run starts from script.sh (with `mode`), a file "other" and a dangling
@@ -161,16 +138,20 @@ TEST(KzolInspect, ReportsTheBlockOrWhyThereIsNone)
     }
 }
 
-// kzol verify's verdicts over a corpus, with keys parsed once per worker, are
-// the library's own (BSContext::verifyFileWithKeys with the same key texts),
-// file by file, with both keys given and with key 5 alone; and its reasons
-// name why each failed.
-TEST(KzolVerify, VerdictsAreTheLibrarysFileByFile)
+// One corpus, every way to a verdict: BSContext::verifyFile with the built-in
+// keys and verifyFileWithKeys with the development keys handed in as texts
+// give each row's result and log lines; kzol verify, with keys parsed once per
+// worker, gives the result and names why each failed (test_kzol_release pins
+// its answer for a selector whose key was not given).
+TEST(Verdicts, OneCorpusThroughTheLibraryAndKzolVerify)
 {
     const std::string content = "#!/bin/sh\necho \"release\"\n";
+    const std::size_t meta = content.size();
     const std::string good5 = signedFile(content, "P50", devPrivateKey('5'));
     const std::string good6 = signedFile(content, "P60", devPrivateKey('6'));
-    const std::string sig5 = mpiText(opensslSign(content + "P50", devPrivateKey('5')));
+    const std::string sig5 = good5.substr(meta + 3, 514);
+    const auto flip = [](std::string s, std::size_t at, char c) { return s.replace(at, 1, 1, c); };
+    const auto block5 = [&](const std::string& text) { return blockAfter(content + "P50", text); };
     std::string upper = sig5;
     for (std::size_t i = 2; i < upper.size(); ++i) {
         upper[i] = static_cast<char>(std::toupper(static_cast<unsigned char>(upper[i])));
@@ -178,76 +159,105 @@ TEST(KzolVerify, VerdictsAreTheLibrarysFileByFile)
     std::string big(3U << 20U, 'b');  // beyond what is read whole
     big[77] = '\n';
     const std::string bigSigned = signedFile(big, "P60", devPrivateKey('6'));
-    std::string tampered = good5, bigTampered = bigSigned;
-    tampered[3] = 'X';
-    bigTampered[1000] = 'X';
     const std::string hexRun(20000, 'a');  // a text longer than any signature
+    const auto vcLine = [](const std::string& function, const std::string& text) {
+        return errorLine("verify_context.cpp", function, "VerifyContext::" + function + "(): " + text);
+    };
+    const std::string badMpi = vcLine("checkMPI", "invalid MPI format");
+    const std::string badPair = errorLine("string_utils.cpp", "fromMPIString", "fromMPIString(): invalid value found");
+    // The loader's lines (test_signature pins them row by row).
+    const std::string noSize = errorLine("signature.cpp", "getFileSize", "Signature::getFileSize() fread error ");
+    const std::string noText = errorLine("signature.cpp", "readFromFile", "Signature::readFromFile(): NULL arguments");
+    const std::string typeX = errorLine("signature.cpp", "getSignatureInfo",
+                                        "Signature::getSignatureInfo(): file to read file signature type[X]");
+    const Result ok = BS_SIGNATURE_CORRECT, bad = BS_SIGNATURE_INCORRECT, ns = BS_NOT_SIGNED, error = BS_ERROR;
+    // log: the library's lines before that of the outcome (a check that was
+    // not carried out has none, and says so on standard error when it logged)
     struct Case {
         const char* name;
         std::string bytes;
-        const char* reason;  // with both keys
+        Result result;
+        const char* reason;  // kzol's, with both keys
+        Lines log = {};
     };
     const std::vector<Case> cases = {
-        {"correct5", good5, nullptr},
-        {"correct6", good6, nullptr},
-        {"tampered", tampered, "hash-mismatch"},
-        {"truncated", good5.substr(0, good5.size() - 10), "no-block"},
-        {"truncated-text", blockAfter(content + "P50", sig5.substr(0, 300)), "bad-signature-text"},
-        {"foreign-key", signedFile(content, "P60", devPrivateKey('5')), "hash-mismatch"},
-        {"crlf", good5 + "\r\n", nullptr},
-        {"blank-padded", good6 + " \n \r  \n ", nullptr},
-        {"nine-blanks", good6 + " \n \r  \n  ", "no-block"},
-        {"blanks-among-last", good6.substr(0, good6.size() - 1) + " L", "no-block"},
-        {"upper-case-hex", blockAfter(content + "P50", upper), nullptr},
-        {"absurd-length", content + "P50" + sig5 + lengthField(0x7fffffff) + ":ZOL", "bad-length-field"},
-        {"long-valid-hex", blockAfter(content + "P50", "0x" + hexRun), "bad-signature-text"},
-        {"long-bad-pair", blockAfter(content + "P50", "0x" + hexRun + "g0"), "bad-signature-text"},
-        {"long-odd", blockAfter(content + "P50", "0x" + hexRun + "a"), "bad-signature-text"},
-        {"bad-length-field", content + "P50" + sig5 + "!!!!!!!!:ZOL", "bad-length-field"},
-        {"empty-text", blockAfter(content + "P50", ""), "bad-length-field"},
-        {"no-content", blockAfter("P50", sig5), "bad-length-field"},
-        {"just-0x", blockAfter(content + "P50", "0x"), "bad-signature-text"},
-        {"no-prefix", blockAfter(content + "P50", sig5.substr(2)), "bad-signature-text"},
-        {"unknown-selector", signedFile(content, "P70", devPrivateKey('5')), "unknown-selector"},
-        {"type-L", signedFile(content, "L50", devPrivateKey('5')), "wrong-type"},
-        {"type-X", signedFile(content, "X50", devPrivateKey('5')), "wrong-type"},
-        {"plain", content, "no-block"},
-        {"empty", "", "no-block"},
-        {"footprint-only", ":ZOL", "bad-length-field"},
-        {"big", bigSigned, nullptr},
-        {"big-tampered", bigTampered, "hash-mismatch"},
-        {"big-long-hex", blockAfter(big + "P50", "0x" + hexRun), "bad-signature-text"},
+        {"correct5", good5, ok, nullptr},
+        {"correct6", good6, ok, nullptr},
+        {"tampered", flip(good5, 3, 'X'), bad, "hash-mismatch"},
+        {"third-meta-byte", flip(good5, meta + 2, '1'), bad, "hash-mismatch"},
+        {"truncated", good5.substr(0, good5.size() - 10), ns, "no-block"},
+        {"truncated-text", block5(sig5.substr(0, 300)), bad, "bad-signature-text"},
+        {"foreign-key", signedFile(content, "P60", devPrivateKey('5')), bad, "hash-mismatch"},
+        {"crlf", good5 + "\r\n", ok, nullptr},
+        {"blank-padded", good6 + " \n \r  \n ", ok, nullptr},
+        {"nine-blanks", good6 + " \n \r  \n  ", ns, "no-block"},
+        {"blanks-among-last", good6.substr(0, good6.size() - 1) + " L", ns, "no-block"},
+        {"upper-case-hex", block5(upper), ok, nullptr},
+        {"upper-case-X", block5("0X" + sig5.substr(2)), error, "bad-signature-text", {badMpi}},
+        {"absurd-length", content + "P50" + sig5 + lengthField(0x7fffffff) + ":ZOL", ns, "bad-length-field"},
+        {"long-valid-hex", block5("0x" + hexRun), bad, "bad-signature-text"},
+        {"long-bad-pair", block5("0x" + hexRun + "g0"), error, "bad-signature-text", {badPair, badMpi}},
+        {"long-odd", block5("0x" + hexRun + "a"), error, "bad-signature-text", {badPair, badMpi}},
+        {"bad-length-field", content + "P50" + sig5 + "!!!!!!!!:ZOL", ns, "bad-length-field"},
+        {"empty-text", block5(""), ns, "bad-length-field", {noText}},
+        {"no-content", blockAfter("P50", sig5), ns, "bad-length-field"},
+        {"just-0x", block5("0x"), error, "bad-signature-text", {vcLine("check", "signature is empty")}},
+        {"no-prefix", block5(sig5.substr(2)), error, "bad-signature-text", {badMpi}},
+        {"unknown-selector", signedFile(content, "P70", devPrivateKey('5')), error, "unknown-selector"},
+        {"type-L", signedFile(content, "L50", devPrivateKey('5')), error, "wrong-type"},
+        {"type-X", signedFile(content, "X50", devPrivateKey('5')), ns, "wrong-type", {typeX}},
+        {"plain", content, ns, "no-block"},
+        {"empty", "", ns, "no-block", {noSize}},
+        {"footprint-only", ":ZOL", ns, "bad-length-field", {noSize}},
+        {"big", bigSigned, ok, nullptr},
+        {"big-tampered", flip(bigSigned, 1000, 'X'), bad, "hash-mismatch"},
+        {"big-long-hex", blockAfter(big + "P50", "0x" + hexRun), bad, "bad-signature-text"},
     };
     const TempDir dir;
+    const std::string pem5 = readFile(devPublicKey('5')), pem6 = readFile(devPublicKey('6'));
     std::string list;
     for (const auto& c : cases) {
-        writeFile(dir.file(c.name), c.bytes);
+        SCOPED_TRACE(c.name);
+        const std::string path = dir.file(c.name);
+        writeFile(path, c.bytes);
         list += std::string(c.name) + '\0';
-    }
-    writeFile(dir.file("list"), list);
-    const std::string pem5 = readFile(devPublicKey('5')), pem6 = readFile(devPublicKey('6'));
-    for (const bool both : {true, false}) {
-        SCOPED_TRACE(both ? "both keys" : "key 5 alone");
-        const std::string keys =
-            " --pubkey 5=" + shq(devPublicKey('5')) + (both ? " --pubkey 6=" + shq(devPublicKey('6')) : "");
-        std::string out;
-        kzol("verify -j 2 --json -0 --from list" + keys, &out, dir.path());
-        std::istringstream lines(out);
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.name);
-            std::string line;
-            ASSERT_TRUE(std::getline(lines, line));
-            const Json::Value json = parseJson(line);
-            StderrCapture quiet;  // the library's own lines
-            BSContext context;
-            const Result expected = context.verifyFileWithKeys(dir.file(c.name), pem5, both ? pem6 : "", "test");
-            quiet.finish();
-            EXPECT_EQ(json["file"].asString(), c.name);
-            EXPECT_EQ(json["result"].asString(), resultName(expected));
-            if (both) {
-                EXPECT_EQ(json["reason"], c.reason != nullptr ? Json::Value(c.reason) : Json::Value()) << line;
-            }
+        const char* outcomes[] = {"", "", "", "", "Not Signed", "Correct Signed", "Incorrect Signed"};
+        Lines log = c.log;
+        if (c.result != BS_ERROR) {
+            log.push_back(checkLine(outcomes[c.result], path, "tester"));
         }
+        for (const bool builtIn : {true, false}) {
+            clearLog();
+            StderrCapture err;
+            EXPECT_EQ(builtIn ? BSContext().verifyFile(path, "tester")
+                              : BSContext().verifyFileWithKeys(path, pem5, pem6, "tester"),
+                      c.result)
+                << (builtIn ? "built-in keys" : "keys given");
+            const std::string notCarriedOut =
+                "[zol][tester] : error during signature check [ file_path : " + path + " ]\n";
+            EXPECT_EQ(err.finish(), c.result == BS_ERROR && !c.log.empty() ? notCarriedOut : "");
+            EXPECT_EQ(loggedLines(), log);
+        }
+    }
+    // The keys handed in the wrong way round, and none for the file's selector.
+    clearLog();
+    EXPECT_EQ(BSContext().verifyFileWithKeys(dir.file("correct5"), pem6, pem5, "tester"), BS_SIGNATURE_INCORRECT);
+    EXPECT_EQ(BSContext().verifyFileWithKeys(dir.file("correct6"), pem5, "", "tester"), BS_ERROR);
+    EXPECT_EQ(loggedLines(), Lines{checkLine("Incorrect Signed", dir.file("correct5"), "tester")});
+    writeFile(dir.file("list"), list);
+    std::string out;
+    kzol("verify -j 2 --json -0 --from list --pubkey 5=" + shq(devPublicKey('5')) +
+             " --pubkey 6=" + shq(devPublicKey('6')),
+         &out, dir.path());
+    std::istringstream lines(out);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string line;
+        ASSERT_TRUE(std::getline(lines, line));
+        const Json::Value json = parseJson(line);
+        EXPECT_EQ(json["file"].asString(), c.name);
+        EXPECT_EQ(json["result"].asString(), resultName(c.result));
+        EXPECT_EQ(json["reason"], c.reason != nullptr ? Json::Value(c.reason) : Json::Value()) << line;
     }
 }
 
@@ -285,7 +295,6 @@ TEST(KzolVerify, ListsJsonLinesReasonsAndStatuses)
          "a.sh: BS_SIGNATURE_CORRECT\nc\nweird: BS_SIGNATURE_CORRECT\nc.sh: BS_SIGNATURE_INCORRECT\n",
          "kzol: c.sh: hash mismatch\n"},
         {"verify -q a.sh c.sh", "", 1, "a.sh: BS_SIGNATURE_CORRECT\nc.sh: BS_SIGNATURE_INCORRECT\n", ""},
-        {"verify c.sh", "", 1, "BS_SIGNATURE_INCORRECT\n", ""},
         {"verify --json a.sh nothere b.sh", "", 2,
          R"({"file":"a.sh","reason":null,"result":"BS_SIGNATURE_CORRECT","selector":"5","signed_bytes":)" +
              std::to_string(content.size() + 3) +
@@ -334,11 +343,23 @@ TEST(KzolVerify, ListsJsonLinesReasonsAndStatuses)
 }
 
 // kzol audit --root: a staging tree as the device will see it (areas and
-// excluded directories on the device paths), with a deployment's keys.
+// excluded directories on the device paths), with a deployment's keys made by
+// kzol keygen: twin pairs (the rows correct5 and correct6 show each private
+// half signing for its public one), the public keys in the 445-character
+// layout of the built-in keys, the private ones for their owner alone, and
+// keys already there overwritten only with --force.
 TEST(KzolAudit, StagingTreeWithTheDeploymentsKeys)
 {
     const TempDir keys, root;
-    ASSERT_EQ(kzol("keygen " + shq(keys.path())), 0);
+    writeFile(keys.file("public_key_6.pem"), "old key\n");
+    EXPECT_EQ(kzol("keygen " + shq(keys.path())), 1);
+    EXPECT_EQ(snapshot(keys.path()), (Files{{"public_key_6.pem", "old key\n"}}));
+    ASSERT_EQ(kzol("keygen --force " + shq(keys.path())), 0);
+    EXPECT_NE(readFile(keys.file("public_key_5.pem")), readFile(keys.file("public_key_6.pem")));
+    for (const std::string s : {"5", "6"}) {
+        EXPECT_EQ(readFile(keys.file("public_key_" + s + ".pem")).size(), 445u) << s;
+        EXPECT_EQ(fs::status(keys.file("private_key_" + s + ".pem")).permissions(), fs::perms(0600)) << s;
+    }
     const std::string content = "#!/bin/sh\necho staged\n";
     writeFile(root.file("opt/app/good5.sh"), signedFile(content, "P50", keys.file("private_key_5.pem")));
     writeFile(root.file("tmp/good6.sh"), signedFile(content, "P60", keys.file("private_key_6.pem")));
@@ -348,24 +369,27 @@ TEST(KzolAudit, StagingTreeWithTheDeploymentsKeys)
     struct Case {
         std::string args;
         int status;
-        std::string classes;  // sorted "DEVICE-PATH CLASS[KEY] REASON" lines
+        Lines classes;  // sorted "DEVICE-PATH CLASS[KEY] REASON" lines
     };
     const std::vector<Case> cases = {
-        {"--keys " + shq(keys.path()), 1,
-         "/opt/app/good5.sh correct5 \n/opt/app/plain.sh not-signed no-block\n/tmp/good6.sh correct6 \n"},
-        {"", 1,
-         "/opt/app/good5.sh incorrect hash-mismatch\n/opt/app/plain.sh not-signed no-block\n"
-         "/tmp/good6.sh incorrect hash-mismatch\n"},
-        {"--keys " + shq(keys.path()) + " /usr /opt/app/good5.sh", 0,
-         "/opt/app/good5.sh correct5 \n/usr/bin/tool.sh outside \n"},
-        {"--keys " + shq(keys.path()) + " /opt/var", 0, "/opt/var/tmp/rpm-tmp/skipped.sh outside \n"},
+        {"--keys " + shq(keys.path()),
+         1,
+         {"/opt/app/good5.sh correct5 ", "/opt/app/plain.sh not-signed no-block", "/tmp/good6.sh correct6 "}},
+        {"",
+         1,
+         {"/opt/app/good5.sh incorrect hash-mismatch", "/opt/app/plain.sh not-signed no-block",
+          "/tmp/good6.sh incorrect hash-mismatch"}},
+        {"--keys " + shq(keys.path()) + " /usr /opt/app/good5.sh",
+         0,
+         {"/opt/app/good5.sh correct5 ", "/usr/bin/tool.sh outside "}},
+        {"--keys " + shq(keys.path()) + " /opt/var", 0, {"/opt/var/tmp/rpm-tmp/skipped.sh outside "}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.args);
         std::string out;
         EXPECT_EQ(kzol("audit -j 2 --json --root " + shq(root.path() + "/") + " " + c.args, &out), c.status);
         std::istringstream in(out);
-        std::vector<std::string> lines;
+        Lines lines;
         std::string summary;
         for (std::string line; std::getline(in, line);) {
             const Json::Value json = parseJson(line);
@@ -375,14 +399,10 @@ TEST(KzolAudit, StagingTreeWithTheDeploymentsKeys)
             }
             EXPECT_EQ(json["path"].asString(), root.path() + json["device_path"].asString());
             lines.push_back(json["device_path"].asString() + " " + json["class"].asString() +
-                            json.get("key", "").asString() + " " + json.get("reason", "").asString() + "\n");
+                            json.get("key", "").asString() + " " + json.get("reason", "").asString());
         }
         std::sort(lines.begin(), lines.end());
-        std::string classes;
-        for (const std::string& line : lines) {
-            classes += line;
-        }
-        EXPECT_EQ(classes, c.classes);
+        EXPECT_EQ(lines, c.classes);
         EXPECT_NE(summary.find("\"files\":" + std::to_string(lines.size())), std::string::npos) << summary;
     }
     EXPECT_EQ(kzol("audit --root " + shq(root.path()) + " opt"), 2);  // a device path starts with /
