@@ -22,14 +22,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "bs_context.h"
 #include "descriptors.h"
@@ -144,39 +146,27 @@ bool matches(const char* pattern, const char* text)
 {
     for (; *pattern != '\0'; ++pattern, ++text) {
         if (pattern[0] == '%' && pattern[1] == 's') {
-            for (const char* rest = text;; ++rest) {
-                if (matches(pattern + 2, rest)) {
+            do {
+                if (matches(pattern + 2, text)) {
                     return true;
                 }
-                if (*rest == '\0') {
-                    return false;
-                }
-            }
+            } while (*text++ != '\0');
+            return false;
         }
         if (pattern[0] == '%' && (pattern[1] == 'd' || pattern[1] == 'i')) {
             const bool number = pattern[1] == 'd';
-            if (number && *text == '-') {
-                ++text;
-            }
-            const char* end = text;
+            const char* const start = text + (number && *text == '-' ? 1 : 0);
+            const char* end = start;
             while (inClass(number, *end)) {
                 ++end;
             }
-            if (end == text) {
-                return false;
-            }
-            return matches(pattern + 2, end);
+            return end != start && matches(pattern + 2, end);
         }
-        if (pattern[0] == '%' && pattern[1] == 'c') {
-            if (*text == '\0') {
-                return false;
-            }
-            ++pattern;
-            continue;
-        }
-        if (*pattern != *text) {
+        const bool anyCharacter = pattern[0] == '%' && pattern[1] == 'c';
+        if (*text == '\0' || (!anyCharacter && *pattern != *text)) {
             return false;
         }
+        pattern += anyCharacter ? 1 : 0;
     }
     return *text == '\0';
 }
@@ -193,30 +183,18 @@ const char* colourOf(int prio)
 
 bool documentedPlatformLine(int prio, bool libraryTag, const char* line)
 {
-    if (!libraryTag) {
-        return false;
-    }
-    for (const PlatformMessage& m : c_platformMessages) {
-        if (m.prio != prio) {
-            continue;
-        }
+    return libraryTag && std::any_of(std::begin(c_platformMessages), std::end(c_platformMessages),
+                                     [prio, line](const PlatformMessage& m) {
         const std::string pattern =
             std::string(m.file) + ": " + m.function + "(%d) > " + colourOf(prio) + m.text + "\033[0m";
-        if (matches(pattern.c_str(), line)) {
-            return true;
-        }
-    }
-    return false;
+        return m.prio == prio && matches(pattern.c_str(), line);
+           });
 }
 
 bool documentedStandardErrorLine(const char* line)
 {
-    for (const char* pattern : c_standardErrorMessages) {
-        if (matches(pattern, line)) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(std::begin(c_standardErrorMessages), std::end(c_standardErrorMessages),
+                       [line](const char* pattern) { return matches(pattern, line); });
 }
 
 // The platform-log lines of one run, kept without allocating (allocation is
@@ -231,13 +209,7 @@ std::string printable(const std::string& line)
 {
     std::string out;
     for (const char c : line) {
-        if (c == '\033') {
-            out += "\\033";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else {
-            out += c;
-        }
+        out += c == '\033' ? "\\033" : c == '\n' ? "\\n" : std::string(1, c);
     }
     return out;
 }
@@ -338,24 +310,27 @@ std::string drain(const UniqueFd& daemon)
     return bytes;
 }
 
-// Checks the lines of the run that has just ended: the recorded platform-log
-// lines and standard error, held in `standardError`. Answers the number of
-// lines and adds each undocumented one to `out`, one per line.
-long checkLines(int standardError, std::vector<std::string>& out)
+// Checks the lines of `run`, which has just ended: the recorded platform-log
+// lines and standard error, held in `standardError`. Counts them, and prints
+// and counts each undocumented one.
+void checkLines(int standardError, const std::string& name, const std::string& run, Figures& f)
 {
-    long lines = 0;
+    const auto undocumented = [&name, &run, &f](const std::string& line) {
+        ++f.undocumentedLines;
+        std::printf("%s: %s wrote an undocumented line: %s\n", name.c_str(), run.c_str(), line.c_str());
+    };
     for (std::size_t at = 0; at < g_logUsed;) {
         const int prio = g_logLines[at];
         const bool libraryTag = g_logLines[at + 1] != 0;
         const char* line = g_logLines + at + 2;
-        ++lines;
+        ++f.logLines;
         if (!documentedPlatformLine(prio, libraryTag, line)) {
-            out.push_back("platform log: " + printable(line));
+            undocumented("platform log: " + printable(line));
         }
         at += 3 + std::strlen(line);
     }
     if (g_logFull) {
-        out.emplace_back("platform log: more lines than the record holds");
+        undocumented("platform log: more lines than the record holds");
     }
     std::string text;
     char buffer[4096];
@@ -363,16 +338,14 @@ long checkLines(int standardError, std::vector<std::string>& out)
     for (ssize_t n; (n = pread(standardError, buffer, sizeof(buffer), offset)) > 0; offset += n) {
         text.append(buffer, static_cast<std::size_t>(n));
     }
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = text.find('\n', at);
-        const std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        ++lines;
-        if (end == std::string::npos || !documentedStandardErrorLine(line.c_str())) {
-            out.push_back("standard error: " + printable(line));
+    // A last line without its line feed ends the stream (eof) and is undocumented.
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        ++f.logLines;
+        if (lines.eof() || !documentedStandardErrorLine(line.c_str())) {
+            undocumented("standard error: " + printable(line));
         }
-        at = end == std::string::npos ? text.size() : end + 1;
     }
-    return lines;
 }
 
 // One run, in a child process: fails call `failAt` (0: none), or with
@@ -400,12 +373,7 @@ void runChild(const std::string& name, const EntryPoint& entry, const std::strin
     const std::string run = baseline    ? "the run without faults"
                             : shortSend ? "the three-byte-send run"
                                         : "call " + std::to_string(failAt) + " (" + site + ")";
-    std::vector<std::string> undocumented;
-    f.logLines += checkLines(standardError.get(), undocumented);
-    for (const std::string& line : undocumented) {
-        ++f.undocumentedLines;
-        std::printf("%s: %s wrote an undocumented line: %s\n", name.c_str(), run.c_str(), line.c_str());
-    }
+    checkLines(standardError.get(), name, run, f);
     if (after > before) {
         ++f.leaks;
         std::printf("%s: %s left a descriptor open\n", name.c_str(), run.c_str());
