@@ -158,25 +158,20 @@ static int openFlagsMode(int flags, va_list args)
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, int) : 0;
 }
 
-EXPORTED int open(const char* path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    const int mode = openFlagsMode(flags, args);
-    va_end(args);
-    NEXT(open);
-    return failingWith("open", EMFILE) ? -1 : real(path, flags, mode);
-}
+/* open and open64, which fail alike. */
+#define WRAP_OPEN(name)                                                                                                \
+    EXPORTED int name(const char* path, int flags, ...)                                                                \
+    {                                                                                                                  \
+        va_list args;                                                                                                  \
+        va_start(args, flags);                                                                                         \
+        const int mode = openFlagsMode(flags, args);                                                                   \
+        va_end(args);                                                                                                  \
+        NEXT(name);                                                                                                    \
+        return failingWith("open", EMFILE) ? -1 : real(path, flags, mode);                                             \
+    }
 
-EXPORTED int open64(const char* path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    const int mode = openFlagsMode(flags, args);
-    va_end(args);
-    NEXT(open64);
-    return failingWith("open", EMFILE) ? -1 : real(path, flags, mode);
-}
+WRAP_OPEN(open)
+WRAP_OPEN(open64)
 
 EXPORTED int fcntl(int fd, int command, ...)
 {

@@ -80,12 +80,8 @@ const PlatformMessage c_platformMessages[] = {
     {DLOG_ERROR, "bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from %s"},
     {DLOG_ERROR, "bs_context.cpp", "getFileSize", "BSContext::getFileSize(): pFile is NULL"},
     // Socket channel.
+    // (Its listening side, which logs too, serves no entry point.)
     {DLOG_ERROR, "UnixSocket.cpp", "ConnectToHost", "connect() error ;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "Bind", "bind() error ;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "Listen", "listen() error ;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "AcceptConnection", "accept() error; "},
-    {DLOG_ERROR, "UnixSocket.cpp", "AcceptConnection", "timed out after %d msec;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "SetNonBlocking", "fcntl() error ;"},
     // Notification sender and security reports.
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;"},
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to send request [%s];"},
@@ -171,22 +167,15 @@ bool matches(const char* pattern, const char* text)
     return *text == '\0';
 }
 
-const char* colourOf(int prio)
-{
-    switch (prio) {
-    case DLOG_ERROR: return "\033[31m";
-    case DLOG_INFO: return "\033[36m";
-    case DLOG_WARN: return "\033[33m";
-    default: return "?";
-    }
-}
+// The colour of each priority's text, from DLOG_INFO to DLOG_ERROR.
+const char* const c_colours[] = {"\033[36m", "\033[33m", "\033[31m"};
 
 bool documentedPlatformLine(int prio, bool libraryTag, const char* line)
 {
     return libraryTag && std::any_of(std::begin(c_platformMessages), std::end(c_platformMessages),
                                      [prio, line](const PlatformMessage& m) {
         const std::string pattern =
-            std::string(m.file) + ": " + m.function + "(%d) > " + colourOf(prio) + m.text + "\033[0m";
+            std::string(m.file) + ": " + m.function + "(%d) > " + c_colours[m.prio - DLOG_INFO] + m.text + "\033[0m";
         return m.prio == prio && matches(pattern.c_str(), line);
            });
 }
@@ -348,6 +337,15 @@ void checkLines(int standardError, const std::string& name, const std::string& r
     }
 }
 
+// How a run is named in the figures: by the call it failed and where.
+std::string runName(long failAt, bool shortSend, const std::string& site)
+{
+    if (shortSend) {
+        return "the three-byte-send run";
+    }
+    return failAt == 0 ? "the run without faults" : "call " + std::to_string(failAt) + " (" + site + ")";
+}
+
 // One run, in a child process: fails call `failAt` (0: none), or with
 // `shortSend` cuts every send to three bytes; then checks what the call did,
 // prints each fault found and counts into the figures. The run with neither
@@ -370,9 +368,7 @@ void runChild(const std::string& name, const EntryPoint& entry, const std::strin
     const int after = openDescriptors();
     const bool baseline = failAt == 0 && !shortSend;
     const std::string site = g_site();
-    const std::string run = baseline    ? "the run without faults"
-                            : shortSend ? "the three-byte-send run"
-                                        : "call " + std::to_string(failAt) + " (" + site + ")";
+    const std::string run = runName(failAt, shortSend, site);
     checkLines(standardError.get(), name, run, f);
     if (after > before) {
         ++f.leaks;
@@ -411,27 +407,29 @@ bool sweep(const std::string& scenario, const EntryPoint& entry, const std::stri
 {
     const std::string name = scenario + " (" + entry.name + ")";
     *g_figures = Figures{};
-    long runs = 0, crashes = 0, total = 0, step = 1;
-    // k = 0 is the run without faults; the last run fails nothing and sends short.
-    for (long k = 0; k <= total + 1; k = k < c_sampleHead ? k + 1 : k + step) {
-        const bool shortSend = k == total + 1;
+    long runs = 0, crashes = 0;
+    const auto runOnce = [&](long failAt, bool shortSend) {
         std::fflush(stdout);
         const pid_t child = fork();
         if (child == 0) {
-            runChild(name, entry, path, shortSend ? 0 : k, shortSend, mustRefuse);
+            runChild(name, entry, path, failAt, shortSend, mustRefuse);
         }
         int status = 0;
         if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
             ++crashes;
-            std::printf("%s: call %ld crashed the process\n", name.c_str(), k);
+            std::printf("%s: %s crashed the process\n", name.c_str(), runName(failAt, shortSend, "").c_str());
         }
-        if (k == 0) {
-            total = g_figures->calls;
-            step = total <= c_fullSweep ? 1 : (total - c_sampleHead) / (c_fullSweep - c_sampleHead) + 1;
-        } else {
-            ++runs;
-        }
+    };
+    runOnce(0, false);
+    const long total = g_figures->calls;
+    const long step = total <= c_fullSweep ? 1 : (total - c_sampleHead) / (c_fullSweep - c_sampleHead) + 1;
+    for (long k = 1; k <= total; k = k < c_sampleHead ? k + 1 : k + step) {
+        runOnce(k, false);
+        ++runs;
     }
+    // Last, whatever the sampling: no call fails, and every send is short.
+    runOnce(0, true);
+    ++runs;
     const Figures& f = *g_figures;
     std::printf("%s: %ld calls, %ld runs%s, %ld crashes, %ld leaks, %ld fail-open, %ld at documented steps, "
                 "%ld changed frames, %ld log lines, undocumented lines: %ld\n",
