@@ -3,12 +3,13 @@
 // then, each in a process of its own, fails the k-th one for every k (or a
 // sample, see below), and runs it once more with every send cut to three
 // bytes; a mode that names several entry points sweeps each. For each run it
-// checks: the process neither crashed nor aborted; it
-// holds no more descriptors after the call than before; a file that must be
-// refused was not answered 1 (in the default build the two documented
-// fail-open steps are counted apart); the daemon received the same frames
-// as without faults whenever the call delivered anything; every line the
-// library wrote to the platform log or to standard error is a documented one.
+// checks: the process neither crashed nor aborted; it holds no more
+// descriptors after the call than before; a file that must be refused was
+// not answered 1 (in the default build the two documented fail-open steps are
+// counted apart); the daemon received the same frames as without faults
+// whenever the call delivered anything, and the three-byte sends changed
+// none; every line the library wrote to the platform log or to standard
+// error is a documented one.
 //
 //   inject_driver NAME check|descriptor|open|run|report|verify PATH REFUSE(0|1)
 //
@@ -79,8 +80,7 @@ const PlatformMessage c_platformMessages[] = {
     {DLOG_ERROR, "bs_context.cpp", "verify", "BSContext::verify(): failed to open [%s] for reading"},
     {DLOG_ERROR, "bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from %s"},
     {DLOG_ERROR, "bs_context.cpp", "getFileSize", "BSContext::getFileSize(): pFile is NULL"},
-    // Socket channel.
-    // (Its listening side, which logs too, serves no entry point.)
+    // Socket channel (its listening side, which logs too, serves no entry point).
     {DLOG_ERROR, "UnixSocket.cpp", "ConnectToHost", "connect() error ;"},
     // Notification sender and security reports.
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;"},
