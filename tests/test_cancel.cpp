@@ -1,7 +1,8 @@
 // Cancellation of a thread inside each exported entry point: the thread ends
 // as cancelled, the process lives on, and the library keeps no descriptor.
 // Each row runs in a child process of its own, so that a row whose
-// cancellation takes the process down fails alone, with its name.
+// cancellation takes the process down fails alone, with its name. verifyFile
+// only hands its arguments on to verifyFileWihtoutKey, whose rows stand for it.
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -127,9 +128,6 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
     const auto check = [](const std::string& path) {
         return [path] { return verifyFileWihtoutKey(path.c_str(), "loader"); };
     };
-    const auto checkOld = [](const std::string& path) {
-        return [path] { return verifyFile(nullptr, path.c_str(), "loader"); };
-    };
     const auto checkOpen = [](const std::string& path) {
         return [path] {
             const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -142,12 +140,10 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
     const Row rows[] = {
         {"pending: verifyFileWihtoutKey, signed file", check(signedOne), true},
         {"pending: verifyFileWihtoutKey, unsigned file", check(unsignedOne), true},
-        {"pending: verifyFile, unsigned file", checkOld(unsignedOne), true},
         {"pending: verifyFileDescriptor, signed file", checkOpen(signedOne), true},
         {"pending: SendSecurityReport, file and data report", report(3), true},
         {"pending: SendSecurityReport, log report", report(0), true},
         {"deaf daemon: verifyFileWihtoutKey reporting a refusal", check(unsignedOne), false},
-        {"deaf daemon: verifyFile reporting a refusal", checkOld(unsignedOne), false},
         {"deaf daemon: verifyFileDescriptor reporting a refusal", checkOpen(unsignedOne), false},
         {"deaf daemon: SendSecurityReport", report(1), false},
     };

@@ -83,9 +83,10 @@ static void recordSite(const char* name)
     snprintf(g_site, sizeof(g_site), "%s%s", name, step);
 }
 
-/* Whether this call is the one to fail. Calls made while the shim itself
- * works (resolving a symbol, taking a backtrace) are not counted. */
-static int failing(const char* name)
+/* Whether this call is the one to fail; if so it fails the way the system
+ * would, with errno `error`. Calls made while the shim itself works
+ * (resolving a symbol, taking a backtrace) are not counted. */
+static int failingWith(const char* name, int error)
 {
     if (!__atomic_load_n(&g_armed, __ATOMIC_SEQ_CST) || t_inside) {
         return 0;
@@ -97,6 +98,7 @@ static int failing(const char* name)
     t_inside = 1;
     recordSite(name);
     t_inside = 0;
+    errno = error;
     return 1;
 }
 
@@ -115,31 +117,40 @@ static void* next(const char* name)
     if (real == NULL)                                                                                                  \
     real = (__typeof__(&name))next(#name)
 
+/* A call that either fails as `label` (errno `error`, answer `failed`) or goes
+ * on to the next definition of `name`. */
+#define WRAP(type, name, label, error, failed, params, args)                                                           \
+    EXPORTED type name params                                                                                          \
+    {                                                                                                                  \
+        NEXT(name);                                                                                                    \
+        return failingWith(label, error) ? (failed) : real args;                                                       \
+    }
+
+WRAP(FILE*, fopen, "fopen", EMFILE, NULL, (const char* path, const char* mode), (path, mode))
+WRAP(FILE*, fopen64, "fopen", EMFILE, NULL, (const char* path, const char* mode), (path, mode))
+WRAP(FILE*, fdopen, "fdopen", ENOMEM, NULL, (int fd, const char* mode), (fd, mode))
+WRAP(int, fstat, "fstat", EIO, -1, (int fd, struct stat* status), (fd, status))
+WRAP(char*, realpath, "realpath", ENOMEM, NULL, (const char* path, char* resolved), (path, resolved))
+WRAP(int, socket, "socket", EMFILE, -1, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, connect, "connect", ECONNREFUSED, -1, (int fd, const struct sockaddr* address, socklen_t length),
+     (fd, address, length))
+WRAP(int, select, "select", EINTR, -1, (int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* timeout),
+     (n, r, w, e, timeout))
+WRAP(int, poll, "poll", EINTR, -1, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
+
 EXPORTED void* malloc(size_t size)
 {
-    if (failing("malloc")) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    return __libc_malloc(size);
+    return failingWith("malloc", ENOMEM) ? NULL : __libc_malloc(size);
 }
 
 EXPORTED void* calloc(size_t count, size_t size)
 {
-    if (failing("calloc")) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    return __libc_calloc(count, size);
+    return failingWith("calloc", ENOMEM) ? NULL : __libc_calloc(count, size);
 }
 
 EXPORTED void* realloc(void* p, size_t size)
 {
-    if (failing("realloc")) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    return __libc_realloc(p, size);
+    return failingWith("realloc", ENOMEM) ? NULL : __libc_realloc(p, size);
 }
 
 static int openFlagsMode(int flags, va_list args)
@@ -147,73 +158,20 @@ static int openFlagsMode(int flags, va_list args)
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, int) : 0;
 }
 
-EXPORTED int open(const char* path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    const int mode = openFlagsMode(flags, args);
-    va_end(args);
-    NEXT(open);
-    if (failing("open")) {
-        errno = EMFILE;
-        return -1;
+/* open and open64, which fail alike. */
+#define WRAP_OPEN(name)                                                                                                \
+    EXPORTED int name(const char* path, int flags, ...)                                                                \
+    {                                                                                                                  \
+        va_list args;                                                                                                  \
+        va_start(args, flags);                                                                                         \
+        const int mode = openFlagsMode(flags, args);                                                                   \
+        va_end(args);                                                                                                  \
+        NEXT(name);                                                                                                    \
+        return failingWith("open", EMFILE) ? -1 : real(path, flags, mode);                                             \
     }
-    return real(path, flags, mode);
-}
 
-EXPORTED int open64(const char* path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    const int mode = openFlagsMode(flags, args);
-    va_end(args);
-    NEXT(open64);
-    if (failing("open")) {
-        errno = EMFILE;
-        return -1;
-    }
-    return real(path, flags, mode);
-}
-
-EXPORTED FILE* fopen(const char* path, const char* mode)
-{
-    NEXT(fopen);
-    if (failing("fopen")) {
-        errno = EMFILE;
-        return NULL;
-    }
-    return real(path, mode);
-}
-
-EXPORTED FILE* fopen64(const char* path, const char* mode)
-{
-    NEXT(fopen64);
-    if (failing("fopen")) {
-        errno = EMFILE;
-        return NULL;
-    }
-    return real(path, mode);
-}
-
-EXPORTED FILE* fdopen(int fd, const char* mode)
-{
-    NEXT(fdopen);
-    if (failing("fdopen")) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    return real(fd, mode);
-}
-
-EXPORTED int fstat(int fd, struct stat* status)
-{
-    NEXT(fstat);
-    if (failing("fstat")) {
-        errno = EIO;
-        return -1;
-    }
-    return real(fd, status);
-}
+WRAP_OPEN(open)
+WRAP_OPEN(open64)
 
 EXPORTED int fcntl(int fd, int command, ...)
 {
@@ -222,97 +180,41 @@ EXPORTED int fcntl(int fd, int command, ...)
     void* argument = va_arg(args, void*);
     va_end(args);
     NEXT(fcntl);
-    if (failing("fcntl")) {
-        errno = EIO;
-        return -1;
-    }
-    return real(fd, command, argument);
+    return failingWith("fcntl", EIO) ? -1 : real(fd, command, argument);
 }
 
 /* A failed read leaves the stream's error indicator set, as a real one does. */
+static int failingRead(const char* name, FILE* stream)
+{
+    const int failed = failingWith(name, EIO);
+    if (failed) {
+        stream->_flags |= _IO_ERR_SEEN;
+    }
+    return failed;
+}
+
 EXPORTED size_t fread(void* buffer, size_t size, size_t count, FILE* stream)
 {
     NEXT(fread);
-    if (failing("fread")) {
-        stream->_flags |= _IO_ERR_SEEN;
-        errno = EIO;
-        return 0;
-    }
-    return real(buffer, size, count, stream);
+    return failingRead("fread", stream) ? 0 : real(buffer, size, count, stream);
 }
 
 EXPORTED char* fgets(char* buffer, int size, FILE* stream)
 {
     NEXT(fgets);
-    if (failing("fgets")) {
-        stream->_flags |= _IO_ERR_SEEN;
-        errno = EIO;
-        return NULL;
-    }
-    return real(buffer, size, stream);
-}
-
-EXPORTED char* realpath(const char* path, char* resolved)
-{
-    NEXT(realpath);
-    if (failing("realpath")) {
-        errno = ENOMEM;
-        return NULL;
-    }
-    return real(path, resolved);
-}
-
-EXPORTED int socket(int domain, int type, int protocol)
-{
-    NEXT(socket);
-    if (failing("socket")) {
-        errno = EMFILE;
-        return -1;
-    }
-    return real(domain, type, protocol);
-}
-
-EXPORTED int connect(int fd, const struct sockaddr* address, socklen_t length)
-{
-    NEXT(connect);
-    if (failing("connect")) {
-        errno = ECONNREFUSED;
-        return -1;
-    }
-    return real(fd, address, length);
+    return failingRead("fgets", stream) ? NULL : real(buffer, size, stream);
 }
 
 EXPORTED ssize_t send(int fd, const void* buffer, size_t length, int flags)
 {
     NEXT(send);
-    if (failing("send")) {
-        errno = EPIPE;
+    if (failingWith("send", EPIPE)) {
         return -1;
     }
     if (g_shortSend && __atomic_load_n(&g_armed, __ATOMIC_SEQ_CST) && length > 3) {
         length = 3;
     }
     return real(fd, buffer, length, flags);
-}
-
-EXPORTED int select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* timeout)
-{
-    NEXT(select);
-    if (failing("select")) {
-        errno = EINTR;
-        return -1;
-    }
-    return real(n, r, w, e, timeout);
-}
-
-EXPORTED int poll(struct pollfd* fds, nfds_t n, int timeout)
-{
-    NEXT(poll);
-    if (failing("poll")) {
-        errno = EINTR;
-        return -1;
-    }
-    return real(fds, n, timeout);
 }
 
 EXPORTED int clock_gettime(clockid_t clock, struct timespec* now)

@@ -2,17 +2,18 @@
 // fault shim preloaded. It first counts the fallible calls the scenario makes,
 // then, each in a process of its own, fails the k-th one for every k (or a
 // sample, see below), and runs it once more with every send cut to three
-// bytes. For each run it checks: the process neither crashed nor aborted; it
-// holds no more descriptors after the call than before; a file that must be
-// refused was not answered 1 (in the default build the two documented
-// fail-open steps are counted apart); the daemon received the same frames
-// as without faults whenever the call delivered anything; every line the
-// library wrote to the platform log or to standard error is a documented one.
+// bytes; a mode that names several entry points sweeps each. For each run it
+// checks: the process neither crashed nor aborted; it holds no more
+// descriptors after the call than before; a file that must be refused was
+// not answered 1 (in the default build the two documented fail-open steps are
+// counted apart); the daemon received the same frames as without faults
+// whenever the call delivered anything, and the three-byte sends changed
+// none; every line the library wrote to the platform log or to standard
+// error is a documented one.
 //
 //   inject_driver NAME check|descriptor|open|run|report|verify PATH REFUSE(0|1)
 //
-// Prints one line of figures and exits 0 when no check failed.
-#include <dirent.h>
+// Prints one line of figures per entry point and exits 0 when no check failed.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -22,13 +23,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include "bs_context.h"
 #include "descriptors.h"
@@ -76,13 +80,8 @@ const PlatformMessage c_platformMessages[] = {
     {DLOG_ERROR, "bs_context.cpp", "verify", "BSContext::verify(): failed to open [%s] for reading"},
     {DLOG_ERROR, "bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from %s"},
     {DLOG_ERROR, "bs_context.cpp", "getFileSize", "BSContext::getFileSize(): pFile is NULL"},
-    // Socket channel.
+    // Socket channel (its listening side, which logs too, serves no entry point).
     {DLOG_ERROR, "UnixSocket.cpp", "ConnectToHost", "connect() error ;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "Bind", "bind() error ;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "Listen", "listen() error ;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "AcceptConnection", "accept() error; "},
-    {DLOG_ERROR, "UnixSocket.cpp", "AcceptConnection", "timed out after %d msec;"},
-    {DLOG_ERROR, "UnixSocket.cpp", "SetNonBlocking", "fcntl() error ;"},
     // Notification sender and security reports.
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to connect to vexmd;"},
     {DLOG_ERROR, "bs_context.cpp", "SendRequestNotification", "Failed to send request [%s];"},
@@ -131,14 +130,11 @@ const char* const c_standardErrorMessages[] = {
     "\033[1;31m[zol][%s:%s][%d];\033[0m",
 };
 
-bool isNameCharacter(char c)
+// A character of "%d" (`number`) or of "%i".
+bool inClass(bool number, char c)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == ':';
-}
-
-bool isDigit(char c)
-{
-    return c >= '0' && c <= '9';
+    const auto u = static_cast<unsigned char>(c);
+    return number ? std::isdigit(u) != 0 : std::isalnum(u) != 0 || c == '_' || c == ':';
 }
 
 // Whether `text` matches `pattern` whole (see above).
@@ -146,79 +142,48 @@ bool matches(const char* pattern, const char* text)
 {
     for (; *pattern != '\0'; ++pattern, ++text) {
         if (pattern[0] == '%' && pattern[1] == 's') {
-            for (const char* rest = text;; ++rest) {
-                if (matches(pattern + 2, rest)) {
+            do {
+                if (matches(pattern + 2, text)) {
                     return true;
                 }
-                if (*rest == '\0') {
-                    return false;
-                }
-            }
+            } while (*text++ != '\0');
+            return false;
         }
         if (pattern[0] == '%' && (pattern[1] == 'd' || pattern[1] == 'i')) {
             const bool number = pattern[1] == 'd';
-            if (number && *text == '-') {
-                ++text;
-            }
-            const char* end = text;
-            while (number ? isDigit(*end) : isNameCharacter(*end)) {
+            const char* const start = text + (number && *text == '-' ? 1 : 0);
+            const char* end = start;
+            while (inClass(number, *end)) {
                 ++end;
             }
-            if (end == text) {
-                return false;
-            }
-            return matches(pattern + 2, end);
+            return end != start && matches(pattern + 2, end);
         }
-        if (pattern[0] == '%' && pattern[1] == 'c') {
-            if (*text == '\0') {
-                return false;
-            }
-            ++pattern;
-            continue;
-        }
-        if (*pattern != *text) {
+        const bool anyCharacter = pattern[0] == '%' && pattern[1] == 'c';
+        if (*text == '\0' || (!anyCharacter && *pattern != *text)) {
             return false;
         }
+        pattern += anyCharacter ? 1 : 0;
     }
     return *text == '\0';
 }
 
-const char* colourOf(int prio)
-{
-    switch (prio) {
-    case DLOG_ERROR: return "\033[31m";
-    case DLOG_INFO: return "\033[36m";
-    case DLOG_WARN: return "\033[33m";
-    default: return "?";
-    }
-}
+// The colour of each priority's text, from DLOG_INFO to DLOG_ERROR.
+const char* const c_colours[] = {"\033[36m", "\033[33m", "\033[31m"};
 
 bool documentedPlatformLine(int prio, bool libraryTag, const char* line)
 {
-    if (!libraryTag) {
-        return false;
-    }
-    for (const PlatformMessage& m : c_platformMessages) {
-        if (m.prio != prio) {
-            continue;
-        }
+    return libraryTag && std::any_of(std::begin(c_platformMessages), std::end(c_platformMessages),
+                                     [prio, line](const PlatformMessage& m) {
         const std::string pattern =
-            std::string(m.file) + ": " + m.function + "(%d) > " + colourOf(prio) + m.text + "\033[0m";
-        if (matches(pattern.c_str(), line)) {
-            return true;
-        }
-    }
-    return false;
+            std::string(m.file) + ": " + m.function + "(%d) > " + c_colours[m.prio - DLOG_INFO] + m.text + "\033[0m";
+        return m.prio == prio && matches(pattern.c_str(), line);
+           });
 }
 
 bool documentedStandardErrorLine(const char* line)
 {
-    for (const char* pattern : c_standardErrorMessages) {
-        if (matches(pattern, line)) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(std::begin(c_standardErrorMessages), std::end(c_standardErrorMessages),
+                       [line](const char* pattern) { return matches(pattern, line); });
 }
 
 // The platform-log lines of one run, kept without allocating (allocation is
@@ -233,13 +198,7 @@ std::string printable(const std::string& line)
 {
     std::string out;
     for (const char c : line) {
-        if (c == '\033') {
-            out += "\\033";
-        } else if (c == '\n') {
-            out += "\\n";
-        } else {
-            out += c;
-        }
+        out += c == '\033' ? "\\033" : c == '\n' ? "\\n" : std::string(1, c);
     }
     return out;
 }
@@ -256,6 +215,63 @@ SiteFn g_site;
 // c_sampleHead, so that a scenario stays within seconds.
 constexpr long c_fullSweep = 600;
 constexpr long c_sampleHead = 300;
+
+// The entry points, by the mode that names a scenario. `opensFile`: the
+// caller holds the file open before the call (opened before the faults are
+// armed) and passes its descriptor.
+struct EntryPoint {
+    const char* mode;
+    const char* name;
+    bool opensFile;
+    int (*call)(int fd, const std::string& path);
+};
+
+int runFromDescriptor(int fd, const std::string&)
+{
+    int run = -1;
+    const int answer = verifyOpenFileToRun(fd, "inject", 0, &run);
+    const UniqueFd ran(run);
+    return answer;
+}
+
+// The classes are C++: exhausted memory reaches their caller as
+// std::bad_alloc, which a C++ caller takes as a refusal.
+int verifyWithTheClass(int, const std::string& path)
+{
+    try {
+        BSContext context;
+        return context.verifyFile(path, "inject") == BS_SIGNATURE_CORRECT ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+}
+
+const EntryPoint c_entryPoints[] = {
+    {"check", "verifyFileWihtoutKey", false,
+     [](int, const std::string& path) { return verifyFileWihtoutKey(path.c_str(), "inject"); }},
+    {"descriptor", "verifyFileDescriptor", true,
+     [](int fd, const std::string& path) { return verifyFileDescriptor(fd, path.c_str(), "inject"); }},
+    {"open", "verifyOpenFile", true, [](int fd, const std::string&) { return verifyOpenFile(fd, "inject", nullptr); }},
+    // For another process (the driver): its user IDs read from /proc.
+    {"open", "verifyOpenFileForProcess", true,
+     [](int fd, const std::string&) { return verifyOpenFileForProcess(fd, getppid(), "inject", 0, nullptr); }},
+    {"run", "verifyOpenFileToRun", true, runFromDescriptor},
+    {"report", "SendSecurityReport", false,
+     [](int, const std::string& path) { return SendSecurityReport("inject", "SCRIPT", path.c_str(), "injected", 3); }},
+    {"verify", "BSContext::verifyFile", false, verifyWithTheClass},
+};
+
+// The figures of one entry point's sweep, in memory shared with the runs'
+// processes, which count into them (a run that crashes counts nothing). The
+// run without faults leaves its answer and frames for the others to compare.
+struct Figures {
+    long calls;  // of the last run
+    long leaks, failOpen, documented, changedFrames, logLines, undocumentedLines;
+    int baselineAnswer;
+    std::size_t baselineLength;
+    char baselineFrames[1 << 16];
+};
+Figures* g_figures;
 
 UniqueFd daemonSocket()
 {
@@ -283,69 +299,27 @@ std::string drain(const UniqueFd& daemon)
     return bytes;
 }
 
-// The file opened by the caller, for the descriptor entry point: opened
-// before the faults are armed, as a caller holds it before the call.
-int g_descriptor = -1;
-
-int callOnce(const std::string& mode, const std::string& path)
+// Checks the lines of `run`, which has just ended: the recorded platform-log
+// lines and standard error, held in `standardError`. Counts them, and prints
+// and counts each undocumented one.
+void checkLines(int standardError, const std::string& name, const std::string& run, Figures& f)
 {
-    if (mode == "check") {
-        return verifyFileWihtoutKey(path.c_str(), "inject");
-    }
-    if (mode == "descriptor") {
-        return verifyFileDescriptor(g_descriptor, path.c_str(), "inject");
-    }
-    if (mode == "open") {
-        return verifyOpenFile(g_descriptor, "inject", nullptr);
-    }
-    if (mode == "run") {
-        int run = -1;
-        const int answer = verifyOpenFileToRun(g_descriptor, "inject", 0, &run);
-        const UniqueFd ran(run);
-        return answer;
-    }
-    if (mode == "report") {
-        return SendSecurityReport("inject", "SCRIPT", path.c_str(), "injected", 3);
-    }
-    // The classes are C++: exhausted memory reaches their caller as
-    // std::bad_alloc, which a C++ caller takes as a refusal.
-    try {
-        BSContext context;
-        return context.verifyFile(path, "inject") == BS_SIGNATURE_CORRECT ? 1 : 0;
-    } catch (const std::bad_alloc&) {
-        return 0;
-    }
-}
-
-struct RunResult {
-    bool crashed = false;
-    bool leaked = false;
-    int answer = -1;
-    long calls = 0;
-    std::string site;
-    long logLines = 0;
-    std::vector<std::string> undocumented;
-    std::string frames;
-};
-
-// Checks the lines of the run that has just ended: the recorded platform-log
-// lines and standard error, held in `standardError`. Answers the number of
-// lines and adds each undocumented one to `out`, one per line.
-long checkLines(int standardError, std::vector<std::string>& out)
-{
-    long lines = 0;
+    const auto undocumented = [&name, &run, &f](const std::string& line) {
+        ++f.undocumentedLines;
+        std::printf("%s: %s wrote an undocumented line: %s\n", name.c_str(), run.c_str(), line.c_str());
+    };
     for (std::size_t at = 0; at < g_logUsed;) {
         const int prio = g_logLines[at];
         const bool libraryTag = g_logLines[at + 1] != 0;
         const char* line = g_logLines + at + 2;
-        ++lines;
+        ++f.logLines;
         if (!documentedPlatformLine(prio, libraryTag, line)) {
-            out.push_back("platform log: " + printable(line));
+            undocumented("platform log: " + printable(line));
         }
         at += 3 + std::strlen(line);
     }
     if (g_logFull) {
-        out.emplace_back("platform log: more lines than the record holds");
+        undocumented("platform log: more lines than the record holds");
     }
     std::string text;
     char buffer[4096];
@@ -353,92 +327,115 @@ long checkLines(int standardError, std::vector<std::string>& out)
     for (ssize_t n; (n = pread(standardError, buffer, sizeof(buffer), offset)) > 0; offset += n) {
         text.append(buffer, static_cast<std::size_t>(n));
     }
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = text.find('\n', at);
-        const std::string line = text.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        ++lines;
-        if (end == std::string::npos || !documentedStandardErrorLine(line.c_str())) {
-            out.push_back("standard error: " + printable(line));
+    // A last line without its line feed ends the stream (eof) and is undocumented.
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        ++f.logLines;
+        if (lines.eof() || !documentedStandardErrorLine(line.c_str())) {
+            undocumented("standard error: " + printable(line));
         }
-        at = end == std::string::npos ? text.size() : end + 1;
     }
-    return lines;
 }
 
-// One run in a child process: fail call `failAt` (0: none).
-RunResult runChild(const std::string& mode, const std::string& path, long failAt, bool shortSend)
+// How a run is named in the figures: by the call it failed and where.
+std::string runName(long failAt, bool shortSend, const std::string& site)
 {
-    int ends[2];
-    if (pipe(ends) != 0) {
-        std::abort();
+    if (shortSend) {
+        return "the three-byte-send run";
     }
-    const UniqueFd readEnd(ends[0]);
-    UniqueFd writeEnd(ends[1]);
-    const pid_t child = fork();
-    if (child == 0) {
-        // Standard error goes to a file in memory, read back after the call.
-        const UniqueFd standardError(memfd_create("inject-stderr", MFD_CLOEXEC));
-        if (!standardError || dup2(standardError.get(), STDERR_FILENO) < 0) {
-            _exit(4);
+    return failAt == 0 ? "the run without faults" : "call " + std::to_string(failAt) + " (" + site + ")";
+}
+
+// One run, in a child process: fails call `failAt` (0: none), or with
+// `shortSend` cuts every send to three bytes; then checks what the call did,
+// prints each fault found and counts into the figures. The run with neither
+// sets the baseline.
+void runChild(const std::string& name, const EntryPoint& entry, const std::string& path, long failAt, bool shortSend,
+              bool mustRefuse)
+{
+    // Standard error goes to a file in memory, read back after the call.
+    const UniqueFd standardError(memfd_create("inject-stderr", MFD_CLOEXEC));
+    if (!standardError || dup2(standardError.get(), STDERR_FILENO) < 0) {
+        _exit(4);
+    }
+    const UniqueFd daemon = daemonSocket();
+    const UniqueFd file(entry.opensFile ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1);
+    const int before = openDescriptors();
+    g_arm(failAt, shortSend ? 1 : 0);
+    const int answer = entry.call(file.get(), path);
+    Figures& f = *g_figures;
+    f.calls = g_disarm();
+    const int after = openDescriptors();
+    const bool baseline = failAt == 0 && !shortSend;
+    const std::string site = g_site();
+    const std::string run = runName(failAt, shortSend, site);
+    checkLines(standardError.get(), name, run, f);
+    if (after > before) {
+        ++f.leaks;
+        std::printf("%s: %s left a descriptor open\n", name.c_str(), run.c_str());
+    }
+    if (mustRefuse && answer == 1) {
+        const bool documentedStep =
+            site.find(" in IsDTV") != std::string::npos || site.find(" in checkFileIsInRWUser") != std::string::npos;
+        if (KZOL_FAIL_CLOSED == 0 && documentedStep) {
+            ++f.documented;
+        } else {
+            ++f.failOpen;
+            std::printf("%s: %s let the file run\n", name.c_str(), run.c_str());
         }
-        const UniqueFd daemon = daemonSocket();
-        const bool opensFile = mode == "descriptor" || mode == "open" || mode == "run";
-        const UniqueFd file(opensFile ? open(path.c_str(), O_RDONLY | O_CLOEXEC) : -1);
-        g_descriptor = file.get();
-        const int before = openDescriptors();
-        g_arm(failAt, shortSend ? 1 : 0);
-        const int answer = callOnce(mode, path);
-        const long calls = g_disarm();
-        const int after = openDescriptors();
-        std::vector<std::string> undocumented;
-        const long lines = checkLines(standardError.get(), undocumented);
-        const std::string frames = daemon ? drain(daemon) : std::string("no daemon");
-        std::string out = std::to_string(answer) + "\n" + std::to_string(after > before ? 1 : 0) + "\n" +
-                          std::to_string(calls) + "\n" + g_site() + "\n" + std::to_string(lines) + "\n" +
-                          std::to_string(undocumented.size()) + "\n";
-        for (const std::string& line : undocumented) {
-            out += line + "\n";
+    }
+    const std::string frames = daemon ? drain(daemon) : std::string("no daemon");
+    if (baseline && frames.size() <= sizeof(f.baselineFrames)) {
+        f.baselineAnswer = answer;
+        f.baselineLength = frames.size();
+        std::memcpy(f.baselineFrames, frames.data(), frames.size());
+    }
+    // A run that delivered its reports delivered them unchanged, and short
+    // sends change nothing.
+    const std::string expected(f.baselineFrames, f.baselineLength);
+    if (frames != expected &&
+        (shortSend || baseline || (answer == f.baselineAnswer && frames.size() == expected.size()))) {
+        ++f.changedFrames;
+        std::printf("%s: %s changed the report frames\n", name.c_str(), run.c_str());
+    }
+    std::fflush(stdout);
+    _exit(0);
+}
+
+// Sweeps one entry point; answers whether every run passed.
+bool sweep(const std::string& scenario, const EntryPoint& entry, const std::string& path, bool mustRefuse)
+{
+    const std::string name = scenario + " (" + entry.name + ")";
+    *g_figures = Figures{};
+    long runs = 0, crashes = 0;
+    const auto runOnce = [&](long failAt, bool shortSend) {
+        std::fflush(stdout);
+        const pid_t child = fork();
+        if (child == 0) {
+            runChild(name, entry, path, failAt, shortSend, mustRefuse);
         }
-        out += frames;
-        for (std::size_t done = 0; done < out.size();) {
-            const ssize_t n = write(writeEnd.get(), out.data() + done, out.size() - done);
-            if (n <= 0) {
-                _exit(3);
-            }
-            done += static_cast<std::size_t>(n);
+        int status = 0;
+        if (child < 0 || waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+            ++crashes;
+            std::printf("%s: %s crashed the process\n", name.c_str(), runName(failAt, shortSend, "").c_str());
         }
-        _exit(0);
-    }
-    writeEnd.reset();
-    std::string out;
-    char buffer[4096];
-    for (ssize_t n; (n = read(readEnd.get(), buffer, sizeof(buffer))) > 0;) {
-        out.append(buffer, static_cast<std::size_t>(n));
-    }
-    int status = 0;
-    (void)waitpid(child, &status, 0);
-    RunResult result;
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        result.crashed = true;
-        return result;
-    }
-    std::size_t at = 0;
-    const auto field = [&out, &at]() {
-        const std::size_t end = out.find('\n', at);
-        std::string value = out.substr(at, end == std::string::npos ? std::string::npos : end - at);
-        at = end == std::string::npos ? out.size() : end + 1;
-        return value;
     };
-    result.answer = std::atoi(field().c_str());
-    result.leaked = field() == "1";
-    result.calls = std::atol(field().c_str());
-    result.site = field();
-    result.logLines = std::atol(field().c_str());
-    for (long n = std::atol(field().c_str()); n > 0; --n) {
-        result.undocumented.push_back(field());
+    runOnce(0, false);
+    const long total = g_figures->calls;
+    const long step = total <= c_fullSweep ? 1 : (total - c_sampleHead) / (c_fullSweep - c_sampleHead) + 1;
+    for (long k = 1; k <= total; k = k < c_sampleHead ? k + 1 : k + step) {
+        runOnce(k, false);
+        ++runs;
     }
-    result.frames = out.substr(at);
-    return result;
+    // Last, whatever the sampling: no call fails, and every send is short.
+    runOnce(0, true);
+    ++runs;
+    const Figures& f = *g_figures;
+    std::printf("%s: %ld calls, %ld runs%s, %ld crashes, %ld leaks, %ld fail-open, %ld at documented steps, "
+                "%ld changed frames, %ld log lines, undocumented lines: %ld\n",
+                name.c_str(), total, runs, step > 1 ? " (sampled)" : "", crashes, f.leaks, f.failOpen, f.documented,
+                f.changedFrames, f.logLines, f.undocumentedLines);
+    return crashes + f.leaks + f.failOpen + f.changedFrames + f.undocumentedLines == 0;
 }
 
 }  // namespace
@@ -468,7 +465,7 @@ extern "C" int __dlog_print(log_id_t, int prio, const char* tag, const char* fmt
 int main(int argc, char** argv)
 {
     if (argc != 5) {
-        std::fprintf(stderr, "usage: inject_driver NAME check|descriptor|report|verify PATH REFUSE\n");
+        std::fprintf(stderr, "usage: inject_driver NAME check|descriptor|open|run|report|verify PATH REFUSE\n");
         return 2;
     }
     const std::string name = argv[1], mode = argv[2], path = argv[3];
@@ -480,65 +477,23 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "inject_driver: the fault shim is not preloaded\n");
         return 2;
     }
+    void* const shared = mmap(nullptr, sizeof(Figures), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) {
+        std::perror("inject_driver: mmap");
+        return 2;
+    }
+    g_figures = static_cast<Figures*>(shared);
     // The daemon's name is private to a network namespace of our own.
     (void)unshare(CLONE_NEWNET);
-
-    const RunResult baseline = runChild(mode, path, 0, false);
-    if (baseline.crashed) {
-        std::printf("%s: the run without faults crashed\n", name.c_str());
-        return 1;
-    }
-    const long total = baseline.calls;
-    const long step = total <= c_fullSweep ? 1 : (total - c_sampleHead) / (c_fullSweep - c_sampleHead) + 1;
-    long runs = 0, crashes = 0, leaks = 0, failOpen = 0, documented = 0, changedFrames = 0;
-    long logLines = baseline.logLines, undocumentedLines = 0;
-    const auto reportLines = [&name, &undocumentedLines](const RunResult& r, const std::string& run) {
-        for (const std::string& line : r.undocumented) {
-            ++undocumentedLines;
-            std::printf("%s: %s wrote an undocumented line: %s\n", name.c_str(), run.c_str(), line.c_str());
-        }
-    };
-    reportLines(baseline, "the run without faults");
-    const bool failClosed = KZOL_FAIL_CLOSED != 0;
-    for (long k = 1; k <= total + 1; k = k < c_sampleHead ? k + 1 : k + step) {
-        const bool shortSend = k == total + 1;  // the last run: no failure, every send short
-        const RunResult r = runChild(mode, path, shortSend ? 0 : k, shortSend);
-        ++runs;
-        if (r.crashed) {
-            ++crashes;
-            std::printf("%s: call %ld (%s) crashed the process\n", name.c_str(), k, r.site.c_str());
-            continue;
-        }
-        if (r.leaked) {
-            ++leaks;
-            std::printf("%s: call %ld (%s) left a descriptor open\n", name.c_str(), k, r.site.c_str());
-        }
-        logLines += r.logLines;
-        reportLines(r, shortSend ? std::string("the three-byte-send run")
-                                 : "call " + std::to_string(k) + " (" + r.site + ")");
-        if (mustRefuse && r.answer == 1) {
-            const bool documentedStep = r.site.find(" in IsDTV") != std::string::npos ||
-                                        r.site.find(" in checkFileIsInRWUser") != std::string::npos;
-            if (!failClosed && documentedStep) {
-                ++documented;
-            } else {
-                ++failOpen;
-                std::printf("%s: call %ld (%s) let the file run\n", name.c_str(), k, r.site.c_str());
-            }
-        }
-        // A run that delivered its reports delivered them unchanged.
-        if (r.answer == baseline.answer && r.frames.size() == baseline.frames.size() && r.frames != baseline.frames) {
-            ++changedFrames;
-            std::printf("%s: call %ld (%s) changed a report frame\n", name.c_str(), k, r.site.c_str());
-        }
-        if (shortSend && r.frames != baseline.frames) {
-            ++changedFrames;
-            std::printf("%s: three-byte sends changed the frames\n", name.c_str());
+    bool passed = true, known = false;
+    for (const EntryPoint& entry : c_entryPoints) {
+        if (mode == entry.mode) {
+            known = true;
+            passed = sweep(name, entry, path, mustRefuse) && passed;
         }
     }
-    std::printf("%s: %ld calls, %ld runs%s, %ld crashes, %ld leaks, %ld fail-open, %ld at documented steps, "
-                "%ld changed frames, %ld log lines, undocumented lines: %ld\n",
-                name.c_str(), total, runs, step > 1 ? " (sampled)" : "", crashes, leaks, failOpen, documented,
-                changedFrames, logLines, undocumentedLines);
-    return crashes + leaks + failOpen + changedFrames + undocumentedLines == 0 ? 0 : 1;
+    if (!known) {
+        std::fprintf(stderr, "inject_driver: no entry point for the mode %s\n", mode.c_str());
+    }
+    return known && passed ? 0 : 1;
 }

@@ -2,20 +2,15 @@
 // the count as it found it.
 #pragma once
 
-#include <dirent.h>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
 
-// The entries of /proc/self/fd, less the one that reading them opens; -1 when
-// the directory cannot be read.
+// The entries of /proc/self/fd, among them the one that reading them opens;
+// -1 when the directory cannot be read.
 inline int openDescriptors()
 {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    while (const dirent* entry = readdir(dir)) {
-        count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    (void)closedir(dir);
-    return count;
+    std::error_code error;
+    const std::filesystem::directory_iterator entries("/proc/self/fd", error);
+    return error ? -1 : static_cast<int>(std::distance(entries, std::filesystem::directory_iterator()));
 }
