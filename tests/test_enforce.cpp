@@ -172,7 +172,7 @@ protected:
     std::string profile(const std::string& options)
     {
         const std::string dir = m_area + "/profile" + std::to_string(++m_profiles);
-        EXPECT_EQ(kzol("profile init " + shq(dir) + " --tv " + options), 0);
+        EXPECT_EQ(kzol_test::kzol("profile init " + shq(dir) + " --tv " + options), 0);
         return dir;
     }
     std::string file(const std::string& name, const std::string& content, mode_t mode = 0755)
@@ -293,7 +293,8 @@ TEST_F(Enforce, AWorkerThatDiesOrStallsWithAnExecutionPendingDeniesIt)
 
 // Every refusal reaches the security daemon (a listener in this test's own
 // network namespace), naming the file by its path and the daemon as caller.
-TEST_F(Enforce, RefusalsAreReported)
+// Once stopped, the daemon's marks are gone and nothing waits on it.
+TEST_F(Enforce, RefusalsAreReportedUntilItStops)
 {
     DaemonListener listener;
     const std::string bad = file("bad.sh", c_script);
@@ -311,14 +312,6 @@ TEST_F(Enforce, RefusalsAreReported)
         EXPECT_NE(report.find("\"Report/Path\" : \"" + bad + "\""), std::string::npos) << report;
         EXPECT_NE(report.find("\"Report/Caller\" : \"kzol-enforce\""), std::string::npos) << report;
     }
-}
-
-// Once stopped, the daemon's marks are gone and nothing waits on it.
-TEST_F(Enforce, StoppedItsMarksGoWithIt)
-{
-    const std::string bad = file("bad.sh", c_script);
-    Enforcer enforcer(profile(""), m_area);
-    EXPECT_EQ(attempt(bad), c_denied);
     EXPECT_EQ(enforcer.stop(SIGTERM), 0);
     EXPECT_EQ(attempt(bad, false, 2), 0);
 }
