@@ -266,20 +266,18 @@ TEST_F(KzolRelease, InterruptedBatchLeavesNoTemporaryFile)
         std::string out = readFile(work.file("out"));
         const std::size_t summary = out.find("interrupted: ");
         ASSERT_NE(summary, std::string::npos) << out;
-        out = out.substr(summary);
         const std::string err = readFile(work.file("err"));
         EXPECT_NE(err.find("left by an earlier run: d1/.f1.sh.kzol-AbC123"), std::string::npos) << err;
         EXPECT_NE(err.find("--remove-leftovers"), std::string::npos) << err;
-        const std::size_t signedCount = std::stoul(out.substr(std::string("interrupted: ").size()));
+        const std::size_t signedCount = std::stoul(out.substr(summary + std::string("interrupted: ").size()));
         EXPECT_GT(signedCount, 0U) << out;
         EXPECT_LT(signedCount, static_cast<std::size_t>(count)) << out;
-        std::string verified;
+        std::string verified, leftovers;
         kzolIn(work.path(), "verify --from list", &verified);
         EXPECT_NE(verified.find(std::to_string(count) + " files: " + std::to_string(signedCount) +
                                 " correct, 0 incorrect, " + std::to_string(count - signedCount) +
                                 " not signed, 0 error"),
                   std::string::npos);
-        std::string leftovers;
         run("cd " + shq(work.path()) + " && find . -name '.*.kzol-*' | sort", &leftovers);
         EXPECT_EQ(leftovers, "./d1/.f1.sh.kzol-AbC123\n");
         writeFile(work.file("one"), "d1/f1.sh\n");
