@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <future>
 
 #include "daemon.h"
@@ -39,14 +38,13 @@ int answerOf(const std::string& path)
 // Answer, report and the readability probe's line for each kind of file.
 TEST(HostileFiles, DefiniteAnswers)
 {
-    const TempDir dir;
-    const std::string area = std::filesystem::canonical(dir.path());
-    const auto at = [&](const std::string& name) { return area + "/" + name; };
+    const bool root = geteuid() == 0;  // the process's own, before the profile answers
+    UserArea area;
+    const auto at = [&](const std::string& name) { return area.file(name); };
     ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
     ASSERT_EQ(mkdir(at("directory").c_str(), 0700), 0);
     ASSERT_EQ(symlink(at("loop-b").c_str(), at("loop-a").c_str()), 0);
     ASSERT_EQ(symlink(at("loop-a").c_str(), at("loop-b").c_str()), 0);
-    const bool root = geteuid() == 0;
     if (root) {
         ASSERT_EQ(mknod(at("zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
     }
@@ -55,7 +53,7 @@ TEST(HostileFiles, DefiniteAnswers)
     writeFile(at("sparse"), "");
     ASSERT_EQ(truncate(at("sparse").c_str(), off_t{1} << 32), 0);
     appendFile(at("sparse"), signedFile(c_script, "P50", devPrivateKey('5')));
-    std::string longName = area;
+    std::string longName = area.path;
     while (longName.size() < 4096) {
         longName += "/d";
     }
@@ -81,7 +79,6 @@ TEST(HostileFiles, DefiniteAnswers)
     if (root) {
         cases.push_back({"character device", at("zero"), 0, true, probe("zero", ENXIO)});
     }
-    const DeviceProfile device;
     DaemonListener daemon;
     for (const auto& c : cases) {
         StderrCapture err;
@@ -95,9 +92,8 @@ TEST(HostileFiles, DefiniteAnswers)
 // for the break, as a blocking open would, and then checks the file.
 TEST(HostileFiles, FileUnderALeaseIsWaitedFor)
 {
-    const TempDir dir;
-    const DeviceProfile device;
-    const std::string path = std::filesystem::canonical(dir.path()).string() + "/leased.sh";
+    const UserArea area;
+    const std::string path = area.file("leased.sh");
     writeFile(path, signedFile(c_script, "P50", devPrivateKey('5')));
     static int s_leased = -1;
     s_leased = open(path.c_str(), O_RDONLY | O_CLOEXEC);
