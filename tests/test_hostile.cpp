@@ -40,19 +40,18 @@ TEST(HostileFiles, DefiniteAnswers)
 {
     const bool root = geteuid() == 0;  // the process's own, before the profile answers
     UserArea area;
-    const auto at = [&](const std::string& name) { return area.file(name); };
-    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
-    ASSERT_EQ(mkdir(at("directory").c_str(), 0700), 0);
-    ASSERT_EQ(symlink(at("loop-b").c_str(), at("loop-a").c_str()), 0);
-    ASSERT_EQ(symlink(at("loop-a").c_str(), at("loop-b").c_str()), 0);
+    ASSERT_EQ(mkfifo(area.file("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mkdir(area.file("directory").c_str(), 0700), 0);
+    ASSERT_EQ(symlink(area.file("loop-b").c_str(), area.file("loop-a").c_str()), 0);
+    ASSERT_EQ(symlink(area.file("loop-a").c_str(), area.file("loop-b").c_str()), 0);
     if (root) {
-        ASSERT_EQ(mknod(at("zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
+        ASSERT_EQ(mknod(area.file("zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
     }
     // A signed script moved past 4 GiB by a hole: its block is at the end, but
     // no block lies beyond 4 GiB, and nothing of the hole is read.
-    writeFile(at("sparse"), "");
-    ASSERT_EQ(truncate(at("sparse").c_str(), off_t{1} << 32), 0);
-    appendFile(at("sparse"), signedFile(c_script, "P50", devPrivateKey('5')));
+    writeFile(area.file("sparse"), "");
+    ASSERT_EQ(truncate(area.file("sparse").c_str(), off_t{1} << 32), 0);
+    appendFile(area.file("sparse"), signedFile(c_script, "P50", devPrivateKey('5')));
     std::string longName = area.path;
     while (longName.size() < 4096) {
         longName += "/d";
@@ -66,18 +65,18 @@ TEST(HostileFiles, DefiniteAnswers)
         std::string err;  // the readability probe's line; the verification's own lines follow
     };
     const auto probe = [&](const std::string& name, int error) {
-        return "\033[1;31m[zol][" + at(name) + ":" + std::strerror(error) + "][" + std::to_string(error) +
+        return "\033[1;31m[zol][" + area.file(name) + ":" + std::strerror(error) + "][" + std::to_string(error) +
                "];\033[0m\n";
     };
     std::vector<Case> cases = {
-        {"fifo without a writer", at("fifo"), 0, true, probe("fifo", ENXIO)},
-        {"directory", at("directory"), 0, true, probe("directory", EISDIR)},
-        {"symbolic link loop", at("loop-a"), 0, false, ""},
+        {"fifo without a writer", area.file("fifo"), 0, true, probe("fifo", ENXIO)},
+        {"directory", area.file("directory"), 0, true, probe("directory", EISDIR)},
+        {"symbolic link loop", area.file("loop-a"), 0, false, ""},
         {"name of 4096 bytes", longName, 0, false, ""},
-        {"4 GiB hole before a signed script", at("sparse"), 0, true, ""},
+        {"4 GiB hole before a signed script", area.file("sparse"), 0, true, ""},
     };
     if (root) {
-        cases.push_back({"character device", at("zero"), 0, true, probe("zero", ENXIO)});
+        cases.push_back({"character device", area.file("zero"), 0, true, probe("zero", ENXIO)});
     }
     DaemonListener daemon;
     for (const auto& c : cases) {
