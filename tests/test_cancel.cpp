@@ -15,7 +15,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -120,9 +119,8 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
     // ThreadSanitizer, valgrind and armhf runs do.
     GTEST_SKIP() << "a cancelled thread's unwinding is not followed by AddressSanitizer";
 #endif
-    const TempDir dir("/tmp");
-    const std::string area = std::filesystem::canonical(dir.path());
-    const std::string unsignedOne = area + "/unsigned.sh", signedOne = area + "/signed.sh";
+    const UserArea area;
+    const std::string unsignedOne = area.file("unsigned.sh"), signedOne = area.file("signed.sh");
     writeFile(unsignedOne, c_script);
     writeFile(signedOne, signedFile(c_script, "P50", devPrivateKey('5')));
     const auto check = [](const std::string& path) {
@@ -149,7 +147,6 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        const DeviceProfile device;
         const pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {

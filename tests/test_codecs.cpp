@@ -39,15 +39,13 @@ TEST(Base64, KnownTextsRoundTripsAndTheDecodeResultRule)
     const std::vector<Case> cases = {
         {"QQ==", "A", true, true},
         {"QUI=", "AB", true, true},
-        {"//79", "\xff\xfe\xfd", false, true},  // no stop character
-        {"QUJDRA", "ABCD", false, false},       // unpadded
-        {"QUJD\n", "ABC", true, false},         // stop at the last character
-        {"QUJDRA=X", "ABCD", true, false},      // stop one before the last; the last is not examined
-        {"QQ==QUJD", "A", false, false},        // early stop, rest unread
-        {"QQ\x80"
-         "A",
-         "A", true, false},                                         // bytes >= 0x80 stop
-        {"Q", "", false, false},                                    // one pending character gives nothing
+        {"//79", "\xff\xfe\xfd", false, true},            // no stop character
+        {"QUJDRA", "ABCD", false, false},                 // unpadded
+        {"QUJD\n", "ABC", true, false},                   // stop at the last character
+        {"QUJDRA=X", "ABCD", true, false},                // stop one before the last; the last is not examined
+        {"QQ==QUJD", "A", false, false},                  // early stop, rest unread
+        {std::string("QQ\x80") + "A", "A", true, false},  // bytes >= 0x80 stop
+        {"Q", "", false, false},                          // one pending character gives nothing
         {"AAACAh==", std::string("\0\0\x02\x02", 4), true, false},  // low bits of the sixth dropped
     };
     for (const auto& c : cases) {

@@ -8,7 +8,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <filesystem>
 #include <future>
 
 #include "daemon.h"
@@ -39,23 +38,21 @@ int answerOf(const std::string& path)
 // Answer, report and the readability probe's line for each kind of file.
 TEST(HostileFiles, DefiniteAnswers)
 {
-    const TempDir dir;
-    const std::string area = std::filesystem::canonical(dir.path());
-    const auto at = [&](const std::string& name) { return area + "/" + name; };
-    ASSERT_EQ(mkfifo(at("fifo").c_str(), 0600), 0);
-    ASSERT_EQ(mkdir(at("directory").c_str(), 0700), 0);
-    ASSERT_EQ(symlink(at("loop-b").c_str(), at("loop-a").c_str()), 0);
-    ASSERT_EQ(symlink(at("loop-a").c_str(), at("loop-b").c_str()), 0);
-    const bool root = geteuid() == 0;
+    const bool root = geteuid() == 0;  // the process's own, before the profile answers
+    UserArea area;
+    ASSERT_EQ(mkfifo(area.file("fifo").c_str(), 0600), 0);
+    ASSERT_EQ(mkdir(area.file("directory").c_str(), 0700), 0);
+    ASSERT_EQ(symlink(area.file("loop-b").c_str(), area.file("loop-a").c_str()), 0);
+    ASSERT_EQ(symlink(area.file("loop-a").c_str(), area.file("loop-b").c_str()), 0);
     if (root) {
-        ASSERT_EQ(mknod(at("zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
+        ASSERT_EQ(mknod(area.file("zero").c_str(), S_IFCHR | 0600, makedev(1, 5)), 0);
     }
     // A signed script moved past 4 GiB by a hole: its block is at the end, but
     // no block lies beyond 4 GiB, and nothing of the hole is read.
-    writeFile(at("sparse"), "");
-    ASSERT_EQ(truncate(at("sparse").c_str(), off_t{1} << 32), 0);
-    appendFile(at("sparse"), signedFile(c_script, "P50", devPrivateKey('5')));
-    std::string longName = area;
+    writeFile(area.file("sparse"), "");
+    ASSERT_EQ(truncate(area.file("sparse").c_str(), off_t{1} << 32), 0);
+    appendFile(area.file("sparse"), signedFile(c_script, "P50", devPrivateKey('5')));
+    std::string longName = area.path;
     while (longName.size() < 4096) {
         longName += "/d";
     }
@@ -68,20 +65,19 @@ TEST(HostileFiles, DefiniteAnswers)
         std::string err;  // the readability probe's line; the verification's own lines follow
     };
     const auto probe = [&](const std::string& name, int error) {
-        return "\033[1;31m[zol][" + at(name) + ":" + std::strerror(error) + "][" + std::to_string(error) +
+        return "\033[1;31m[zol][" + area.file(name) + ":" + std::strerror(error) + "][" + std::to_string(error) +
                "];\033[0m\n";
     };
     std::vector<Case> cases = {
-        {"fifo without a writer", at("fifo"), 0, true, probe("fifo", ENXIO)},
-        {"directory", at("directory"), 0, true, probe("directory", EISDIR)},
-        {"symbolic link loop", at("loop-a"), 0, false, ""},
+        {"fifo without a writer", area.file("fifo"), 0, true, probe("fifo", ENXIO)},
+        {"directory", area.file("directory"), 0, true, probe("directory", EISDIR)},
+        {"symbolic link loop", area.file("loop-a"), 0, false, ""},
         {"name of 4096 bytes", longName, 0, false, ""},
-        {"4 GiB hole before a signed script", at("sparse"), 0, true, ""},
+        {"4 GiB hole before a signed script", area.file("sparse"), 0, true, ""},
     };
     if (root) {
-        cases.push_back({"character device", at("zero"), 0, true, probe("zero", ENXIO)});
+        cases.push_back({"character device", area.file("zero"), 0, true, probe("zero", ENXIO)});
     }
-    const DeviceProfile device;
     DaemonListener daemon;
     for (const auto& c : cases) {
         StderrCapture err;
@@ -95,9 +91,8 @@ TEST(HostileFiles, DefiniteAnswers)
 // for the break, as a blocking open would, and then checks the file.
 TEST(HostileFiles, FileUnderALeaseIsWaitedFor)
 {
-    const TempDir dir;
-    const DeviceProfile device;
-    const std::string path = std::filesystem::canonical(dir.path()).string() + "/leased.sh";
+    const UserArea area;
+    const std::string path = area.file("leased.sh");
     writeFile(path, signedFile(c_script, "P50", devPrivateKey('5')));
     static int s_leased = -1;
     s_leased = open(path.c_str(), O_RDONLY | O_CLOEXEC);

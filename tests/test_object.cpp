@@ -9,16 +9,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
-#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <iostream>
@@ -37,11 +33,6 @@ constexpr bool c_failClosed = KZOL_FAIL_CLOSED != 0;
 const std::string c_inside = "#!/bin/sh\necho INSIDE-UNSIGNED\n";
 const std::string c_outside = "#!/bin/sh\necho OUTSIDE\n";
 
-std::string canonical(const std::string& path)
-{
-    return std::filesystem::canonical(path).string();
-}
-
 long peakKiB()
 {
     const std::string status = readFile("/proc/self/status");
@@ -56,18 +47,16 @@ long peakKiB()
 // the hardened build checks it; by its descriptor, both builds check it.
 TEST(ObjectBound, DoorsOfTheDecisionByName)
 {
-    const TempDir dir("/tmp");
-    const DeviceProfile device;
-    const std::string area = canonical(dir.path());
+    const UserArea area;
     struct Row {
         const char* name;
         std::function<UniqueFd()> open;
         std::string reportedPath;  // by descriptor: the kernel's path
     };
     const auto deleted = [&] {
-        writeFile(area + "/gone.sh", c_inside);
-        UniqueFd fd(open((area + "/gone.sh").c_str(), O_RDONLY | O_CLOEXEC));
-        std::filesystem::remove(area + "/gone.sh");
+        writeFile(area.file("gone.sh"), c_inside);
+        UniqueFd fd(open(area.file("gone.sh").c_str(), O_RDONLY | O_CLOEXEC));
+        std::filesystem::remove(area.file("gone.sh"));
         return fd;
     };
     const auto memory = [] {
@@ -76,7 +65,7 @@ TEST(ObjectBound, DoorsOfTheDecisionByName)
         return fd;
     };
     const Row rows[] = {
-        {"opened, then deleted", deleted, area + "/gone.sh (deleted)"},
+        {"opened, then deleted", deleted, area.file("gone.sh (deleted)")},
         {"a memory file", memory, "/memfd:script (deleted)"},
     };
     for (const Row& row : rows) {
@@ -134,16 +123,14 @@ TEST(ObjectBound, ExcludedDirectoryMadeByAnotherUser)
 // report of the described loader, without the text in memory.
 TEST(ObjectBound, AbsurdSignatureTexts)
 {
-    const TempDir dir("/tmp");
-    const DeviceProfile device;
-    const std::string area = canonical(dir.path());
+    const UserArea area;
     const std::string head = "#!/bin/sh\necho x\nP50";
     const std::string digits(20000, 'a');
     const std::string invalidMpi =
         errorLine("verify_context.cpp", "checkMPI", "VerifyContext::checkMPI(): invalid MPI format");
     const std::string invalidPair =
         errorLine("string_utils.cpp", "fromMPIString", "fromMPIString(): invalid value found");
-    const std::string file = area + "/absurd.sh";
+    const std::string file = area.file("absurd.sh");
     struct Row {
         const char* name;
         std::string text;    // empty: a sparse text of c_sparseText zero bytes
@@ -194,15 +181,16 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
     if (geteuid() != 0) {
         GTEST_SKIP() << "needs root to listen as another user";
     }
-    const TempDir dir("/tmp");
-    const DeviceProfile device;
-    const std::string script = canonical(dir.path()) + "/run.sh";
+    const UserArea area;
+    const std::string script = area.file("run.sh");
     writeFile(script, c_inside);
     struct Row {
         const char* name;
         bool queueFull;  // never accepts, and its queue is full: only the hardened build returns
     };
     const Row rows[] = {{"accepts and reads", false}, {"never accepts, queue full", true}};
+    const std::string refused = errorLine("bs_context.cpp", "SendRequestNotification",
+                                          "Report not delivered: the listener is not the daemon's user 0;");
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         if (row.queueFull && !c_failClosed) {
@@ -240,11 +228,7 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
         bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         EXPECT_EQ(bytes, c_failClosed ? "" : refusalFrame(script));
         const Lines lines = loggedLines();
-        const bool refusedListener =
-            std::find(lines.begin(), lines.end(),
-                      errorLine("bs_context.cpp", "SendRequestNotification",
-                                "Report not delivered: the listener is not the daemon's user 0;")) != lines.end();
-        EXPECT_EQ(refusedListener, c_failClosed && !row.queueFull);
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), refused), c_failClosed && !row.queueFull ? 1 : 0);
     }
 }
 
@@ -259,14 +243,14 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
 // deciding, here one millisecond.
 TEST(ObjectBound, PathRace)
 {
-    const TempDir dir("/tmp"), outside("/var/tmp");
-    const DeviceProfile device;
-    const std::string area = canonical(dir.path()), file = area + "/d/run.sh";
+    const UserArea user;
+    const TempDir outside("/var/tmp");
+    const std::string area = user.path, file = area + "/d/run.sh";
     writeFile(file, c_inside);
     writeFile(outside.file("run.sh"), c_outside);
     ASSERT_EQ(chmod(file.c_str(), 0755), 0);
     ASSERT_EQ(chmod(outside.file("run.sh").c_str(), 0755), 0);
-    ASSERT_EQ(symlink(canonical(outside.path()).c_str(), (area + "/link").c_str()), 0);
+    ASSERT_EQ(symlink(std::filesystem::canonical(outside.path()).c_str(), (area + "/link").c_str()), 0);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
 
     const auto content = [](int fd) {
@@ -290,7 +274,7 @@ TEST(ObjectBound, PathRace)
     };
     const auto exec = [&] {
         std::string out;
-        kzol("emulate " + shq(device.path()) + " -- " + shq(KZOL_TOOL) + " exec " + shq(file), &out);
+        kzol("emulate " + shq(user.device.path()) + " -- " + shq(KZOL_TOOL) + " exec " + shq(file), &out);
         return out == "INSIDE-UNSIGNED\n";
     };
     struct Decider {
@@ -338,9 +322,8 @@ TEST(ObjectBound, PathRace)
 // (where it gives one) and the library's decision, both needed.
 TEST(ObjectBound, ScriptDescriptor)
 {
-    const TempDir dir("/tmp");
-    const DeviceProfile device;
-    const std::string area = canonical(dir.path());
+    const UserArea area;
+    const std::string script = area.file("script.sh");
     const UniqueFd shell(open("/bin/sh", O_RDONLY | O_CLOEXEC));
     char* const none[] = {nullptr};
     const bool kernelAnswers = syscall(SYS_execveat, shell.get(), "", none, none, AT_EMPTY_PATH | 0x10000) == 0;
@@ -358,7 +341,6 @@ TEST(ObjectBound, ScriptDescriptor)
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        const std::string script = area + "/script.sh";
         writeFile(script, row.content);
         ASSERT_EQ(chmod(script.c_str(), row.mode), 0);
         const UniqueFd fd(open(script.c_str(), O_RDONLY | O_CLOEXEC));

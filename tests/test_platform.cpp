@@ -112,8 +112,7 @@ TEST(UsbStandIn, VisitsTheMountsOfUsbBlockDevicesInTableOrder)
     writeFile(scratch.file("mountinfo"), mountinfo);
     EnvVar sys("KZOL_USB_SYSFS", sysfs.path()), table("KZOL_USB_MOUNTINFO", scratch.file("mountinfo"));
     const Walk usb = walk();
-    EXPECT_EQ(usb.init, 0);
-    EXPECT_EQ(usb.result, 0);
+    EXPECT_EQ(std::make_pair(usb.init, usb.result), std::make_pair(0, 0));
     EXPECT_EQ(usb.devices, (Lines{"/media/b", "/media/my stick\\x", "/media/a"}));  // in table order
 }
 
@@ -137,8 +136,7 @@ TEST(Emulation, AnswersFromTheProfile)
         EXPECT_EQ(std::make_pair(getuid(), geteuid()), std::make_pair(uid, effective)) << file.value_or("-");
     }
     const Walk none = walk();  // no usb/
-    EXPECT_EQ(none.init, -1);
-    EXPECT_EQ(none.result, -1);
+    EXPECT_EQ(std::make_pair(none.init, none.result), std::make_pair(-1, -1));
     const std::string u = profile.file("usb/");
     for (const char* name : {"m", "b-stick", "x", "a-stick", "Z", "k", "0", "a", "c", "y", "b", ".hidden"}) {
         fs::create_directories(u + name);
@@ -152,11 +150,10 @@ TEST(Emulation, AnswersFromTheProfile)
         if (!text.empty())
             writeFile(profile.file("usb/.foreach-result"), text);
         const Walk usb = walk();
-        EXPECT_EQ(usb.init, 0) << text;
-        EXPECT_EQ(usb.result, result) << text;
+        EXPECT_EQ(std::make_pair(usb.init, usb.result), std::make_pair(0, result)) << text;
         EXPECT_EQ(usb.devices, expected) << text;
-        EXPECT_EQ(usb_device_get_mountpath(usb.last),
-                  nullptr);  // a device kept past its walk is none the service knows
+        // A device kept past its walk is none the service knows.
+        EXPECT_EQ(usb_device_get_mountpath(usb.last), nullptr);
     }
     env.set(std::nullopt);  // without a profile (its uid file says 1000), what stands behind answers
     EXPECT_EQ(getuid(), ruid);

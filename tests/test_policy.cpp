@@ -28,8 +28,9 @@ std::string changed(std::string text, std::size_t at)
 }
 // Files in a user-writable area (under /tmp) and outside (under /var/tmp).
 struct Files {
-    const TempDir areaDir{"/tmp"}, outsideDir{"/var/tmp"};
-    const std::string area = std::filesystem::canonical(areaDir.path()), outside = outsideDir.path();
+    UserArea user;  // and the device profile of the tests that keep one throughout
+    const TempDir outsideDir{"/var/tmp"};
+    const std::string area = user.path, outside = outsideDir.path();
     const std::string signedOne = area + "/signed.sh", unsignedOne = area + "/unsigned.sh",
                       tampered = area + "/tampered.sh", typeL = area + "/type-l.sh", outsider = outside + "/outside.sh";
     Files()
@@ -71,10 +72,8 @@ TEST(Policy, Outcomes)
     // expected lines stands for the sticks' directory).
     using Set = std::pair<std::string, const char*>;
     const Set isolated{"zone", "2 1\n"};
-    const Set certA{"usb/a/RTZOLOFF.cer", valid.c_str()};
-    const Set otherA{certA.first, otherDevice.c_str()};
-    const Set certB{"usb/b/RTZOLOFF.cer", valid.c_str()};
-    const Set otherB{certB.first, otherDevice.c_str()};
+    const Set certA{"usb/a/RTZOLOFF.cer", valid.c_str()}, otherA{certA.first, otherDevice.c_str()};
+    const Set certB{"usb/b/RTZOLOFF.cer", valid.c_str()}, otherB{certB.first, otherDevice.c_str()};
     const Set changedA{certA.first, validChanged.c_str()}, noMount{"usb/z.nomount", ""};
     const Set inSubdir{"usb/a/sub/RTZOLOFF.cer", valid.c_str()}, lowerCase{"usb/a/rtzoloff.cer", valid.c_str()};
     const Set walkFails{"usb/.foreach-result", "-1"};
@@ -83,8 +82,7 @@ TEST(Policy, Outcomes)
     // The steps that decide, and the results of the signature step.
     const int sig = KZOL_STEP_SIGNATURE, off = KZOL_STEP_DISABLE_CERTIFICATE;
     const int ns = BS_NOT_SIGNED, ok = BS_SIGNATURE_CORRECT;
-    const std::string a = "@/a/RTZOLOFF.cer";
-    const std::string b = "@/b/RTZOLOFF.cer";
+    const std::string a = "@/a/RTZOLOFF.cer", b = "@/b/RTZOLOFF.cer";
     // Traces: the full walk without a certificate, and one stick whose certificate switches the check off.
     const std::string tv = tvTrace();
     const std::string offTrace = tvTrace(1, true, "");
@@ -96,10 +94,8 @@ TEST(Policy, Outcomes)
                       dotted = f.outside + "/../../.." + viaLink;
     const Lines missingLog = {errorLine("main.cpp", "verifyFileWihtoutKey", missing + " does not exist;")};
     const std::string correct = checkLine("Correct Signed", f.signedOne);
-    const std::string yesA = checkLine("DUID Correct Signed", a);
-    const std::string noA = checkLine("DUID Incorrect Signed", a);
-    const std::string yesB = checkLine("DUID Correct Signed", b);
-    const std::string noB = checkLine("DUID Incorrect Signed", b);
+    const std::string yesA = checkLine("DUID Correct Signed", a), noA = checkLine("DUID Incorrect Signed", a);
+    const std::string yesB = checkLine("DUID Correct Signed", b), noB = checkLine("DUID Incorrect Signed", b);
     const std::string disabled =
         infoLine("main.cpp", "verifyFileWihtoutKey", "[zol][loader] : \033[1;35mDisable Script ZOL\033[0m");
     const Lines noId = {found(a), c_noDeviceIdLine,
@@ -210,7 +206,6 @@ TEST(Policy, DescriptorContentDecides)
         {"unsigned when opened, signed by the check", c_script, good, O_RDONLY, 0},
         {"descriptor not open for reading", good, good, O_WRONLY, 0},
     };
-    const DeviceProfile device;
     DaemonListener daemon;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -233,9 +228,8 @@ TEST(Policy, DescriptorContentDecides)
 // gets its answer, each refusal its report, each component's report its two.
 TEST(Policy, ManyThreadsAtOnce)
 {
-    const Files f;
-    DeviceProfile device;
-    device.set("usb/a/RTZOLOFF.cer", certificate("DUID-OTHER", "P50", devPrivateKey('5')).c_str());
+    Files f;
+    f.user.device.set("usb/a/RTZOLOFF.cer", certificate("DUID-OTHER", "P50", devPrivateKey('5')).c_str());
     DaemonListener daemon;
     const Lines files = {f.signedOne, f.unsignedOne, f.tampered, f.outsider, f.typeL};
     std::atomic<int> allowed{0}, failed{0};

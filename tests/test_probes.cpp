@@ -135,17 +135,15 @@ TEST(GateFaults, ModulesFile)
         Lines lines;          // IsDTV's lines
         int (*make)(const char* path) = nullptr;
     };
+    const auto selfLink = [](const char* m) { return symlink(m, m); };
+    const auto directory = [](const char* m) { return mkdir(m, 0700); };
     const Row rows[] = {
         {"a name that begins so", "sdp_gpio 16384 0 - Live 0x0\nmicom_drv 1236992 0 - Live 0x0\n", true, {}},
         {"at position 4", "1234micom\n", false, {}},
         {"at position 5", "abcdemicom 1 0\n", true, {}},
         {"no /proc/modules: not a television in both builds", nullptr, false, {c_noModulesLine}},
-        {"cannot be opened (ELOOP)",
-         nullptr,
-         c_failClosed,
-         {c_noModulesLine},
-         [](const char* m) { return symlink(m, m); }},
-        {"opened, every read fails (EISDIR)", nullptr, c_failClosed, {}, [](const char* m) { return mkdir(m, 0700); }},
+        {"cannot be opened (ELOOP)", nullptr, c_failClosed, {c_noModulesLine}, selfLink},
+        {"opened, every read fails (EISDIR)", nullptr, c_failClosed, {}, directory},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -166,12 +164,11 @@ TEST(GateFaults, ModulesFile)
 // the file is reached through a short relative name.
 TEST(GateFaults, RealPathBeyondTheLongestPath)
 {
-    const TempDir dir;
-    DeviceProfile device;
+    UserArea area;
     const std::string component(200, 'd');
     const UniqueFd start(open(".", O_RDONLY | O_DIRECTORY));
     ASSERT_TRUE(start);
-    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    ASSERT_EQ(chdir(area.path.c_str()), 0);
     for (int depth = 0; depth < 25; ++depth) {
         ASSERT_EQ(mkdir(component.c_str(), 0700), 0);
         ASSERT_EQ(chdir(component.c_str()), 0);
@@ -196,7 +193,7 @@ TEST(GateFaults, RealPathBeyondTheLongestPath)
                   errorLine("bs_context.cpp", "checkFileIsInRWUser", "realpath() error : File name too long;"));
         EXPECT_EQ(daemon.drain(), row.reported ? Lines{refusalFrame("run.sh")} : Lines{});
         // The default build asks nothing of the device about such a file.
-        EXPECT_EQ(device.takeTrace().empty(), !c_failClosed);
+        EXPECT_EQ(area.device.takeTrace().empty(), !c_failClosed);
     }
     // Leave the tree by its name's pieces: the whole name is too long to use.
     for (int depth = 0; depth < 25; ++depth) {

@@ -8,11 +8,10 @@
 
 using namespace kzol_test;
 
-static const std::string c_content = "#!/bin/sh\necho hello\n";
-static const std::string c_text = "0x0123456789abcdef";  // the loader does not look into the text
-static const std::string c_freadError =
-    errorLine("signature.cpp", "getFileSize", "Signature::getFileSize() fread error ");
-static const std::string c_nullArguments =
+const std::string c_content = "#!/bin/sh\necho hello\n";
+const std::string c_text = "0x0123456789abcdef";  // the loader does not look into the text
+const std::string c_freadError = errorLine("signature.cpp", "getFileSize", "Signature::getFileSize() fread error ");
+const std::string c_nullArguments =
     errorLine("signature.cpp", "readFromFile", "Signature::readFromFile(): NULL arguments");
 
 // content | meta | text | length field (that of the text when empty) | ":ZOL" | blanks

@@ -62,6 +62,9 @@ TEST(VerifyFile, CheckNotCarriedOut)
     const std::string checkError = "[zol][tester] : error during signature check [ file_path : " + path + " ]\n";
     // The file changed after its block was loaded: size -1 removes it. Bytes
     // appended (here a hole) are not part of the signed region.
+    const Lines keyFails = {
+        vcLine("loadKey", "failed to load public key"),
+        errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from not a key")};
     struct Case {
         const char* name;
         off_t size;
@@ -73,11 +76,7 @@ TEST(VerifyFile, CheckNotCarriedOut)
         {"truncated", 20000, key, {}},
         {"grown", 1 << 20, key, {checkLine("Correct Signed", path, "tester")}, BS_SIGNATURE_CORRECT},
         {"removed", -1, key, {errorLine("bs_context.cpp", "verify", "BSContext::verify(): " + removed)}},
-        {"key text that does not load",
-         static_cast<off_t>(file.size()),
-         "not a key",
-         {vcLine("loadKey", "failed to load public key"),
-          errorLine("bs_context.cpp", "verify", "BSContext::verify(): failed to load RSA key from not a key")}},
+        {"key text that does not load", static_cast<off_t>(file.size()), "not a key", keyFails},
     };
     for (const auto& c : cases) {
         writeFile(path, file);
@@ -142,6 +141,9 @@ TEST(VerifyContext, FailuresLogAndLeaveTheFlag)
     ASSERT_NE(m().ec.find("-----BEGIN PUBLIC KEY-----"), std::string::npos);
     const std::string noKey = vcLine("check", "m_pKey or m_pContext is NULL");
     const std::string loadFailed = vcLine("loadKey", "failed to load public key");
+    const std::string noContext = vcLine("update", "m_pContext is NULL"), noData = vcLine("update", "data is NULL");
+    const std::string noSignature = vcLine("check", "pSignature is NULL");
+    const Lines failedLoad = {loadFailed, noKey};
     struct Case {
         const char* name;
         std::function<bool(V&, bool&)> action;
@@ -153,20 +155,13 @@ TEST(VerifyContext, FailuresLogAndLeaveTheFlag)
         // A failed load releases the key loaded before.
         {"second loadKey fails",
          [](V& c, bool& v) { return c.loadKey(m().key) && !c.loadKey("-") && c.checkSignature(m().data, m().sig, v); },
-         {loadFailed, noKey}},
-        {"EC key",
-         [](V& c, bool& v) { return c.loadKey(m().ec) || c.checkSignature(m().data, m().sig, v); },
-         {loadFailed, noKey}},
-        {"update before init",
-         [](V& c, bool&) { return c.update(m().data); },
-         {vcLine("update", "m_pContext is NULL")}},
-        {"update with null",
-         [](V& c, bool&) { return c.init() && c.update(nullptr, 4); },
-         {vcLine("update", "data is NULL")}},
+         failedLoad},
+        {"EC key", [](V& c, bool& v) { return c.loadKey(m().ec) || c.checkSignature(m().data, m().sig, v); },
+         failedLoad},
+        {"update before init", [](V& c, bool&) { return c.update(m().data); }, {noContext}},
+        {"update with null", [](V& c, bool&) { return c.init() && c.update(nullptr, 4); }, {noData}},
         // The null signature is refused before the context is looked at.
-        {"null signature",
-         [](V& c, bool& v) { return c.check(nullptr, 256, v); },
-         {vcLine("check", "pSignature is NULL")}},
+        {"null signature", [](V& c, bool& v) { return c.check(nullptr, 256, v); }, {noSignature}},
     };
     for (const Case& c : cases) {
         clearLog();

@@ -54,6 +54,18 @@ private:
     TempDir m_dir;
 };
 
+// A user-writable area of an emulated television: a fresh directory below
+// `base` (/tmp unless given), named by its real path, and the device profile.
+// The profile answers getuid and geteuid from then on: ask for the process's
+// own IDs before making one.
+struct UserArea {
+    explicit UserArea(const char* base = "/tmp") : dir(base) {}
+    const TempDir dir;
+    DeviceProfile device;
+    const std::string path = std::filesystem::canonical(dir.path()).string();
+    std::string file(const std::string& name) const { return path + "/" + name; }
+};
+
 inline std::string isolatedLine(int level)
 {
     return infoLine("securezone_context.cpp", "isIsolatedContainer",
