@@ -29,7 +29,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdarg>
@@ -94,26 +93,30 @@ bool executionCheck(int fd)
     return syscall(SYS_execveat, fd, "", argv, envp, AT_EMPTY_PATH | AT_EXECVE_CHECK) == 0;
 }
 
-// A responder that allows everything, on a thread of its own.
+// A responder that allows everything, on a thread of its own. It stops on a
+// byte through its own pipe, never on an event: an event meant to wake it could
+// come after it had already seen the request and left, and wait forever.
 class AllowOnly {
 public:
     explicit AllowOnly(const std::string& area)
         : m_group(fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY | O_CLOEXEC))
     {
-        m_ok = m_group >= 0 && fanotify_mark(m_group, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_OPEN_EXEC_PERM, AT_FDCWD,
-                                             area.c_str()) == 0;
+        m_ok =
+            m_group >= 0 && pipe2(m_stop, O_CLOEXEC) == 0 &&
+            fanotify_mark(m_group, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_OPEN_EXEC_PERM, AT_FDCWD, area.c_str()) == 0;
         m_thread = std::thread([this] { serve(); });
-    }
-    // Stops after answering `wake`'s check (its event wakes the thread's read).
-    void stop(int wake)
-    {
-        m_stop = true;
-        (void)executionCheck(wake);
     }
     ~AllowOnly()
     {
+        if (m_stop[1] >= 0) {
+            (void)!write(m_stop[1], "", 1);
+        }
         m_thread.join();
-        close(m_group);
+        for (const int fd : {m_group, m_stop[0], m_stop[1]}) {
+            if (fd >= 0) {
+                close(fd);
+            }
+        }
     }
     AllowOnly(const AllowOnly&) = delete;
     AllowOnly& operator=(const AllowOnly&) = delete;
@@ -123,7 +126,11 @@ private:
     void serve()
     {
         alignas(fanotify_event_metadata) char buffer[4096];
-        while (m_ok && !m_stop) {
+        pollfd waiting[2] = {{m_group, POLLIN, 0}, {m_stop[0], POLLIN, 0}};
+        while (m_ok && poll(waiting, 2, -1) >= 0 && waiting[1].revents == 0) {
+            if ((waiting[0].revents & POLLIN) == 0) {
+                continue;
+            }
             ssize_t left = read(m_group, buffer, sizeof(buffer));
             for (auto* e = reinterpret_cast<fanotify_event_metadata*>(buffer); FAN_EVENT_OK(e, left);
                  e = FAN_EVENT_NEXT(e, left)) {
@@ -134,8 +141,8 @@ private:
         }
     }
     int m_group;
+    int m_stop[2] = {-1, -1};
     bool m_ok = false;
-    std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
 
@@ -247,9 +254,8 @@ int main(int argc, char** argv)
     for (int round = 0; round < c_rounds; ++round) {
         unmarkedRounds.push_back(measure(perRound, nothing, check));
         {
-            AllowOnly responder(area);
+            const AllowOnly responder(area);
             allowRounds.push_back(responder.ok() ? measure(perRound, nothing, check) : -1.0);
-            responder.stop(fd);
         }
         const Daemon daemon(profile, area);
         if (!daemon.ready()) {
