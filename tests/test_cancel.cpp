@@ -4,19 +4,9 @@
 // cancellation takes the process down fails alone, with its name. verifyFile
 // only hands its arguments on to verifyFileWihtoutKey, whose rows stand for it.
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <functional>
-#include <thread>
 
 #include "descriptors.h"
 #include "device.h"

@@ -1,6 +1,5 @@
 // Base64 and MPI string codecs, through the library's exported functions.
 
-#include <algorithm>
 #include <random>
 
 #include "string_utils.h"

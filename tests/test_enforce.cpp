@@ -2,24 +2,15 @@
 // marked file system, and that no failure of the daemon lets a refused file
 // through. Each test runs in a mount and network namespace of its own, on a
 // tmpfs of its own under /tmp (a user-writable area), and marks only that.
-#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/fanotify.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <fstream>
-#include <thread>
 
 #include "daemon.h"
 #include "enforce_cache.h"

@@ -1,11 +1,7 @@
 // kzol exec and check on an emulated television: what runs, with which
 // arguments and exit status, and what a disable certificate for the device
 // changes; and the race exec closes, against the naive check-then-run.
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <iostream>
 
 #include "race.h"

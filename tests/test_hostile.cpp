@@ -1,13 +1,8 @@
 // Files a hostile user can leave in a user-writable area: each gets a definite
 // answer in bounded time from the exported entry point on a television.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstring>
 #include <future>
 
 #include "daemon.h"

@@ -1,16 +1,11 @@
 // The kzol tool, run as a program: keygen, sign, inspect, verify and audit.
 // Signed files are compared with ones made independently of the tool by the
 // openssl command.
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <json/json.h>
 
 #include <cctype>
-#include <filesystem>
-#include <map>
 #include <memory>
-#include <sstream>
 
 #include "bs_context.h"
 #include "test_support.h"

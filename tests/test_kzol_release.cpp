@@ -4,20 +4,10 @@
 // signing a tree that another user wrote.
 #include <json/json.h>
 #include <sched.h>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <map>
-#include <sstream>
-#include <vector>
 
 #include "race.h"
 #include "test_support.h"

@@ -5,9 +5,7 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 
-#include <chrono>
 #include <future>
-#include <thread>
 
 #include "daemon.h"
 

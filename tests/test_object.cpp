@@ -7,16 +7,11 @@
 // looks, against a decision by name, verifyOpenFileToRun and kzol exec.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <functional>
 #include <iostream>
 
 #include "daemon.h"

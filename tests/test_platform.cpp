@@ -7,12 +7,9 @@
 // This program links the emulation ahead of the stand-ins, as the device
 // suites do: without KZOL_PROFILE the emulation hands every call on to the
 // stand-in behind it.
-#include <unistd.h>
 #include <usb_device.h>
 #include <vconf.h>
 
-#include <filesystem>
-#include <map>
 #include <optional>
 #include <set>
 #include <tuple>

@@ -3,12 +3,7 @@
 // that reached the daemon, the exact log lines, and which parts of the device
 // were looked at.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <atomic>
-#include <filesystem>
-#include <thread>
 
 #include "bs_context.h"
 #include "daemon.h"

@@ -6,13 +6,6 @@
 // The default build keeps the described answers (the file runs unchecked);
 // the KZOL_FAIL_CLOSED build holds the gate. Every row states both answers.
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
 #include <tuple>
 
 #include "bs_context.h"

@@ -1,7 +1,6 @@
 // The signature block at the end of a file, read through the library's
 // Signature class. Length fields are written by the test helpers, not by the
 // library's own encoder.
-#include <unistd.h>
 
 #include "signature.h"
 #include "test_support.h"

@@ -5,13 +5,8 @@
 // is checked by the report tests.
 #include "UnixSocket.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <functional>
 
 #include "daemon.h"
 

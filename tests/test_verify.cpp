@@ -6,9 +6,7 @@
 
 #include <dlfcn.h>
 #include <openssl/evp.h>
-#include <unistd.h>
 
-#include <functional>
 #include <limits>
 
 #include "bs_context.h"

@@ -3,11 +3,6 @@
 #include <dlfcn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 namespace kzol_test {
 

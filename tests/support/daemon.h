@@ -3,8 +3,6 @@
 // "SfDaemon/UserMsg"; and the frames and texts the daemon receives.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
 #include <ctime>
 

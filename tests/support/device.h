@@ -5,9 +5,6 @@
 // logs about its device.
 #pragma once
 
-#include <cstdlib>
-#include <filesystem>
-
 #include "test_support.h"
 
 namespace kzol_test {

@@ -2,14 +2,10 @@
 #include "handles.h"
 
 #include <dlog.h>
-#include <sys/wait.h>
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <mutex>

@@ -3,10 +3,26 @@
 // and the kzol tool.
 #pragma once
 
+// The suites' common headers come with it, so that each suite includes only
+// what is particular to it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
