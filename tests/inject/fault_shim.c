@@ -138,20 +138,16 @@ WRAP(int, select, "select", EINTR, -1, (int n, fd_set* r, fd_set* w, fd_set* e, 
      (n, r, w, e, timeout))
 WRAP(int, poll, "poll", EINTR, -1, (struct pollfd * fds, nfds_t n, int timeout), (fds, n, timeout))
 
-EXPORTED void* malloc(size_t size)
-{
-    return failingWith("malloc", ENOMEM) ? NULL : __libc_malloc(size);
-}
+/* Allocation goes straight to the C library's allocator: looking it up with dlsym would allocate. */
+#define WRAP_ALLOC(name, params, args)                                                                                 \
+    EXPORTED void* name params                                                                                         \
+    {                                                                                                                  \
+        return failingWith(#name, ENOMEM) ? NULL : __libc_##name args;                                                 \
+    }
 
-EXPORTED void* calloc(size_t count, size_t size)
-{
-    return failingWith("calloc", ENOMEM) ? NULL : __libc_calloc(count, size);
-}
-
-EXPORTED void* realloc(void* p, size_t size)
-{
-    return failingWith("realloc", ENOMEM) ? NULL : __libc_realloc(p, size);
-}
+WRAP_ALLOC(malloc, (size_t size), (size))
+WRAP_ALLOC(calloc, (size_t count, size_t size), (count, size))
+WRAP_ALLOC(realloc, (void* p, size_t size), (p, size))
 
 static int openFlagsMode(int flags, va_list args)
 {
