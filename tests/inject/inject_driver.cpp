@@ -29,9 +29,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iterator>
 #include <new>
-#include <sstream>
 #include <string>
 
 #include "bs_context.h"
@@ -321,14 +321,9 @@ void checkLines(int standardError, const std::string& name, const std::string& r
     if (g_logFull) {
         undocumented("platform log: more lines than the record holds");
     }
-    std::string text;
-    char buffer[4096];
-    off_t offset = 0;
-    for (ssize_t n; (n = pread(standardError, buffer, sizeof(buffer), offset)) > 0; offset += n) {
-        text.append(buffer, static_cast<std::size_t>(n));
-    }
-    // A last line without its line feed ends the stream (eof) and is undocumented.
-    std::istringstream lines(text);
+    // Read from the start through a name of its own; a last line without its
+    // line feed ends the stream (eof) and is undocumented.
+    std::ifstream lines("/proc/self/fd/" + std::to_string(standardError));
     for (std::string line; std::getline(lines, line);) {
         ++f.logLines;
         if (lines.eof() || !documentedStandardErrorLine(line.c_str())) {
