@@ -6,12 +6,12 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
+#include "daemon.h"
 #include "descriptors.h"
 #include "device.h"
-#include "handles.h"
 #include "kZOLUser.h"
+#include "race.h"
 
 using namespace kzol_test;
 
@@ -24,30 +24,12 @@ enum Outcome : int { c_cancelled = 0, c_returned = 1, c_leaked = 2, c_stuck = 3,
 const char* const c_outcomes[] = {"thread cancelled", "thread ran to its end", "thread cancelled, descriptor left open",
                                   "thread still running", "setup failed"};
 
-// The daemon's name taken by a listener that never accepts, its queue full:
-// the library's connect waits for as long as the daemon likes.
+// The daemon's name taken by a listener that never accepts, its queue of one
+// connection full: the library's connect waits for as long as the daemon likes.
 struct DeafDaemon {
-    UniqueFd listener;
-    std::vector<UniqueFd> queued;
-    bool ready = false;
-    DeafDaemon()
-    {
-        sockaddr_un address{AF_UNIX, {}};
-        std::memcpy(address.sun_path + 1, "SfDaemon/UserMsg", 16);
-        const auto* a = reinterpret_cast<const sockaddr*>(&address);
-        listener.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        if (!listener || bind(listener.get(), a, sizeof(address)) != 0 || listen(listener.get(), 0) != 0) {
-            return;
-        }
-        for (int i = 0; i < 64; ++i) {
-            UniqueFd client(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-            if (connect(client.get(), a, sizeof(address)) != 0) {
-                ready = errno == EAGAIN;
-                return;
-            }
-            queued.push_back(std::move(client));
-        }
-    }
+    const UniqueFd listener = abstractSocket("SfDaemon/UserMsg", true);
+    const bool listening = listener && listen(listener.get(), 0) == 0;
+    const UniqueFd queued = listening ? abstractSocket("SfDaemon/UserMsg", false) : UniqueFd();
 };
 
 struct Row {
@@ -71,7 +53,7 @@ void* runCall(void* argument)
 Outcome cancelInside(const Row& row)
 {
     const DeafDaemon daemon;
-    if (!row.cancelFirst && !daemon.ready) {
+    if (!row.cancelFirst && !daemon.queued) {
         return c_setupFailed;
     }
     const int before = openDescriptors();
@@ -137,14 +119,8 @@ TEST(Cancellation, EndsTheThreadNotTheProcess)
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        const pid_t child = fork();
-        ASSERT_GE(child, 0);
-        if (child == 0) {
-            _exit(cancelInside(row));
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(WIFEXITED(status) ? c_outcomes[std::min(WEXITSTATUS(status), 4)] : "killed by a signal",
+        const int outcome = Child([&row] { _exit(cancelInside(row)); }).wait();
+        EXPECT_EQ(outcome >= 0 && outcome <= c_setupFailed ? c_outcomes[outcome] : "killed, or still running",
                   std::string("thread cancelled"));
     }
 }

@@ -10,10 +10,9 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
-#include <atomic>
-
 #include "daemon.h"
 #include "enforce_cache.h"
+#include "race.h"
 #include "test_support.h"
 
 #ifndef AT_EXECVE_CHECK
@@ -27,14 +26,13 @@ namespace {
 const std::string c_script = "#!/bin/sh\nexit 0\n";
 constexpr int c_denied = 126, c_noExecBit = 125, c_hung = -1;
 
-// How an attempt to run `path` ended: the program's exit status (0 here),
-// c_denied when the kernel answered EPERM, c_hung when nothing came within
-// `seconds`. With `checkOnly`, an interpreter's question: execveat with
+// An attempt to run `path`, as a child process whose exit status tells how it
+// ended: the program's own (0 here), or c_denied when the kernel answered
+// EPERM. With `checkOnly`, an interpreter's question: execveat with
 // AT_EXECVE_CHECK on an open descriptor, 0 when allowed.
-int attempt(const std::string& path, bool checkOnly = false, int seconds = 10)
+Child launch(const std::string& path, bool checkOnly = false)
 {
-    const pid_t pid = fork();
-    if (pid == 0) {
+    return Child([&path, checkOnly] {
         char* const argv[] = {const_cast<char*>(path.c_str()), nullptr};
         char* const envp[] = {nullptr};
         if (checkOnly) {
@@ -46,82 +44,47 @@ int attempt(const std::string& path, bool checkOnly = false, int seconds = 10)
             execve(path.c_str(), argv, envp);
         }
         _exit(errno == EPERM ? c_denied : errno == EACCES ? c_noExecBit : 100 + errno);
-    }
-    int status = 0;
-    for (int waited = 0; waited < seconds * 100; ++waited) {
-        if (waitpid(pid, &status, WNOHANG) == pid) {
-            return WIFEXITED(status) ? WEXITSTATUS(status) : 200 + WTERMSIG(status);
-        }
-        usleep(10000);
-    }
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return c_hung;
+    });
+}
+// How the attempt ended; c_hung when nothing came within `seconds`.
+int attempt(const std::string& path, bool checkOnly = false, int seconds = 10)
+{
+    return launch(path, checkOnly).wait(seconds);
 }
 
-// `kzol emulate PROFILE -- kzol enforce --mark AREA`, running until stopped.
-class Enforcer {
-public:
-    Enforcer(const std::string& profile, const std::string& area)
-    {
-        int out[2];
-        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-        m_pid = fork();
-        if (m_pid == 0) {
-            dup2(out[1], 1);
-            prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that ended abruptly
-            execl(KZOL_TOOL, "kzol", "emulate", profile.c_str(), "--", KZOL_TOOL, "enforce", "--mark", area.c_str(),
-                  "--workers", "2", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(out[1]);
-        m_output.reset(out[0]);
-        const std::string ready = "kzol enforce: ready\n";
-        std::string line;
-        pollfd waiting{m_output.get(), POLLIN, 0};
-        char c = 0;
-        while (line.size() < ready.size() && poll(&waiting, 1, 10000) == 1 && read(m_output.get(), &c, 1) == 1) {
-            line += c;
-        }
-        EXPECT_EQ(line, ready);
+// `kzol emulate PROFILE -- kzol enforce --mark AREA`, once it says it is ready.
+Child enforcer(const std::string& profile, const std::string& area)
+{
+    int out[2] = {-1, -1};
+    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    const UniqueFd output(out[0]);
+    UniqueFd input(out[1]);
+    Child daemon([&] {
+        dup2(out[1], 1);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);  // never outlives a test that ended abruptly
+        execl(KZOL_TOOL, "kzol", "emulate", profile.c_str(), "--", KZOL_TOOL, "enforce", "--mark", area.c_str(),
+              "--workers", "2", static_cast<char*>(nullptr));
+    });
+    input.reset();
+    const std::string ready = "kzol enforce: ready\n";
+    std::string line;
+    pollfd waiting{output.get(), POLLIN, 0};
+    char c = 0;
+    while (line.size() < ready.size() && poll(&waiting, 1, 10000) == 1 && read(output.get(), &c, 1) == 1) {
+        line += c;
     }
-    ~Enforcer() { stop(SIGKILL); }
-    Enforcer(const Enforcer&) = delete;
-    Enforcer& operator=(const Enforcer&) = delete;
-
-    // Sends `signal` and answers the exit status (-1 when it does not end within 10 s).
-    int stop(int signal)
-    {
-        if (m_pid <= 0) {
-            return -1;
-        }
-        kill(m_pid, signal);
-        int status = 0;
-        for (int waited = 0; waited < 1000 && waitpid(m_pid, &status, WNOHANG) != m_pid; ++waited) {
-            usleep(10000);
-        }
-        if (waitpid(m_pid, &status, WNOHANG) == 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, &status, 0);
-            m_pid = -1;
-            return -1;
-        }
-        m_pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 200 + WTERMSIG(status);
-    }
-    // The worker process the daemon runs its event loop in.
-    pid_t worker() const
-    {
-        std::ifstream children("/proc/" + std::to_string(m_pid) + "/task/" + std::to_string(m_pid) + "/children");
-        pid_t child = -1;
-        children >> child;
-        return child;
-    }
-
-private:
-    pid_t m_pid = -1;
-    UniqueFd m_output;
-};
+    EXPECT_EQ(line, ready);
+    return daemon;
+}
+// The worker process the daemon runs its event loop in.
+pid_t workerOf(const Child& daemon)
+{
+    const std::string pid = std::to_string(daemon.pid());
+    std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+    pid_t child = -1;
+    children >> child;
+    return child;
+}
 
 class Enforce : public testing::Test {
 protected:
@@ -217,9 +180,9 @@ TEST_F(Enforce, TheKernelRunsWhatTheLibraryAllows)
             writeFile(dir + "/usb/stick/RTZOLOFF.cer", certificate(duid, "P50", devPrivateKey('5')));
         }
         const std::string path = file("case" + std::to_string(++n), c.content, c.mode);
-        Enforcer enforcer(dir, m_area);
+        Child daemon = enforcer(dir, m_area);
         EXPECT_EQ(attempt(path, c.checkOnly), c.expected);
-        EXPECT_EQ(enforcer.stop(c.name[0] == 'u' ? SIGINT : SIGTERM), 0);
+        EXPECT_EQ(daemon.stop(c.name[0] == 'u' ? SIGINT : SIGTERM), 0);
     }
 }
 
@@ -230,17 +193,14 @@ TEST_F(Enforce, AFileChangedAfterAnAllowedRunIsDecidedAgain)
 {
     const std::string signedScript = sign(c_script);
     const std::string path = file("changing.sh", signedScript);
-    Enforcer enforcer(profile(""), m_area);
+    Child daemon = enforcer(profile(""), m_area);
     EXPECT_EQ(attempt(path), 0);
     EXPECT_EQ(attempt(path), 0);
     struct stat before {};
     ASSERT_EQ(stat(path.c_str(), &before), 0);
     std::string changed = signedScript;
     changed[10] ^= 1;
-    {
-        std::fstream out(path, std::ios::in | std::ios::out | std::ios::binary);
-        out.write(changed.data(), static_cast<std::streamsize>(changed.size()));
-    }
+    writeFile(path, changed);
     const timespec times[2] = {before.st_atim, before.st_mtim};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     EXPECT_EQ(attempt(path), c_denied);
@@ -263,22 +223,20 @@ TEST_F(Enforce, AWorkerThatDiesOrStallsWithAnExecutionPendingDeniesIt)
         const std::string modules = readFile(dir + "/modules");
         ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
         ASSERT_EQ(mkfifo((dir + "/modules").c_str(), 0644), 0);
-        Enforcer enforcer(dir, m_area);
-        const pid_t worker = enforcer.worker();
+        Child daemon = enforcer(dir, m_area);
+        const pid_t worker = workerOf(daemon);
         ASSERT_GT(worker, 0);
-        std::atomic<int> status{-2};
-        std::thread pending([&] { status = attempt(good, false, 30); });
+        Child pending = launch(good);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        EXPECT_EQ(status.load(), -2) << "the execution did not wait for the worker's decision";
+        EXPECT_EQ(pending.wait(0), c_hung) << "the execution did not wait for the worker's decision";
         if (killed) {
             ASSERT_EQ(kill(worker, SIGKILL), 0);
         }
-        pending.join();
-        EXPECT_EQ(status.load(), c_denied);
+        EXPECT_EQ(pending.wait(30), c_denied);
         ASSERT_EQ(unlink((dir + "/modules").c_str()), 0);
         writeFile(dir + "/modules", modules);
         EXPECT_EQ(attempt(good), 0);  // a new worker decides
-        EXPECT_NE(enforcer.worker(), worker);
+        EXPECT_NE(workerOf(daemon), worker);
     }
 }
 
@@ -289,7 +247,7 @@ TEST_F(Enforce, RefusalsAreReportedUntilItStops)
 {
     DaemonListener listener;
     const std::string bad = file("bad.sh", c_script);
-    Enforcer enforcer(profile(""), m_area);
+    Child daemon = enforcer(profile(""), m_area);
     EXPECT_EQ(attempt(bad), c_denied);
     EXPECT_EQ(attempt(bad), c_denied);
     Lines reports;
@@ -303,7 +261,7 @@ TEST_F(Enforce, RefusalsAreReportedUntilItStops)
         EXPECT_NE(report.find("\"Report/Path\" : \"" + bad + "\""), std::string::npos) << report;
         EXPECT_NE(report.find("\"Report/Caller\" : \"kzol-enforce\""), std::string::npos) << report;
     }
-    EXPECT_EQ(enforcer.stop(SIGTERM), 0);
+    EXPECT_EQ(daemon.stop(SIGTERM), 0);
     EXPECT_EQ(attempt(bad, false, 2), 0);
 }
 
@@ -349,47 +307,25 @@ TEST(EnforceRefuses, WithoutPrivilegeOrOnItsOwnFileSystem)
 {
     struct Case {
         const char* name;
-        bool userNamespace;
+        std::string launcher;  // "unshare --user ": a sanitizer's runtime thread would make this process refuse one
         std::string mark;
         std::string message;
     };
     const std::vector<Case> cases = {
-        {"user namespace", true, "/tmp", "kzol: enforce: the kernel refuses a fanotify group"},
-        {"its own file system", false, KZOL_TOOL, "is on the file system of / or of this program's own files"},
-        {"the root file system", false, "/", "is on the file system of / or of this program's own files"},
+        {"user namespace", "unshare --user ", "/tmp", "kzol: enforce: the kernel refuses a fanotify group"},
+        {"its own file system", "", KZOL_TOOL, "is on the file system of / or of this program's own files"},
+        {"the root file system", "", "/", "is on the file system of / or of this program's own files"},
     };
     if (KZOL_CROSS_EMULATED) {
         GTEST_SKIP() << "cross-built: a user-mode emulator stands between this suite and the kernel";
     }
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        if (!c.userNamespace && !UniqueFd(fanotify_init(FAN_CLASS_CONTENT, O_RDONLY))) {
+        if (c.launcher.empty() && !UniqueFd(fanotify_init(FAN_CLASS_CONTENT, O_RDONLY))) {
             continue;  // refused earlier, for want of the privilege
         }
-        int err[2];
-        ASSERT_EQ(pipe2(err, O_CLOEXEC), 0);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(err[1], 2);
-            // By the unshare command: a sanitizer's runtime thread would make
-            // this process refuse a user namespace of its own.
-            if (c.userNamespace) {
-                execlp("unshare", "unshare", "--user", KZOL_TOOL, "enforce", "--mark", c.mark.c_str(),
-                       static_cast<char*>(nullptr));
-            }
-            execl(KZOL_TOOL, "kzol", "enforce", "--mark", c.mark.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(err[1]);
-        const UniqueFd errors(err[0]);
         std::string text;
-        char buffer[4096];
-        for (ssize_t n; (n = read(errors.get(), buffer, sizeof(buffer))) > 0;) {
-            text.append(buffer, static_cast<std::size_t>(n));
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_EQ(WEXITSTATUS(status), 2);
+        EXPECT_EQ(run(c.launcher + shq(KZOL_TOOL) + " enforce --mark " + shq(c.mark) + " 2>&1 >/dev/null", &text), 2);
         EXPECT_NE(text.find(c.message), std::string::npos) << text;
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
     }

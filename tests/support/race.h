@@ -1,22 +1,17 @@
-// Attackers of a decision by name: processes that exchange two names in one
-// directory (renameat2 RENAME_EXCHANGE), a file for a file or a directory for
-// a link, either without pause or guided by what the victim does.
+// Child processes of the tests, and attackers of a decision by name among
+// them: processes that exchange two names in one directory (renameat2
+// RENAME_EXCHANGE), a file for a file or a directory for a link, either
+// without pause or guided by what the victim does.
 #pragma once
 
-#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/inotify.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <functional>
-#include <string>
-#include <utility>
 
 #include "handles.h"
+#include "test_support.h"
 
 namespace kzol_test {
 
@@ -25,64 +20,77 @@ inline void exchange(const std::string& a, const std::string& b)
     renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
 }
 
-// A child process, killed with the object.
-class Attacker {
+// A child process that runs `body` and ends, killed with the object unless it
+// ended first.
+class Child {
 public:
-    Attacker() = default;
-    ~Attacker()
+    Child() = default;
+    explicit Child(const std::function<void()>& body)
     {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
+        m_pid = fork();
+        if (m_pid == 0) {
+            body();
+            _exit(127);
         }
     }
-    Attacker(const Attacker&) = delete;
-    Attacker& operator=(const Attacker&) = delete;
+    ~Child() { stop(SIGKILL); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    Child(Child&& other) noexcept : m_pid(std::exchange(other.m_pid, -1)) {}
     bool running() const { return m_pid > 0; }
+    pid_t pid() const { return m_pid; }
+    // Waits up to `seconds` for the child's end: its exit status, 200 + the
+    // signal that ended it, or -1 while it still runs.
+    int wait(int seconds = 600)
+    {
+        int status = 0;
+        for (int waited = 0; m_pid > 0 && waited <= seconds * 100; ++waited) {
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : 200 + WTERMSIG(status);
+            }
+            usleep(10000);
+        }
+        return -1;
+    }
+    // Sends `signal` and waits (up to ten seconds) as wait() does.
+    int stop(int signal) { return m_pid > 0 && kill(m_pid, signal) == 0 ? wait(10) : -1; }
 
 protected:
     pid_t m_pid = -1;
 };
+using Attacker = Child;
 
-// Runs `body` in a child process as user and group 65534 (nobody); the child
-// is killed with the object unless waited for.
-class AsNobody : public Attacker {
+// Runs `body` in a child process as user and group 65534 (nobody); its answer
+// is the child's exit status.
+class AsNobody : public Child {
 public:
     explicit AsNobody(const std::function<int()>& body)
+        : Child([&body] {
+              const bool nobody = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
+                                  setresuid(65534, 65534, 65534) == 0;
+              _exit(nobody ? body() : 127);
+          })
     {
-        m_pid = fork();
-        if (m_pid == 0) {
-            const bool nobody = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
-                                setresuid(65534, 65534, 65534) == 0;
-            _exit(nobody ? body() : 127);
-        }
-    }
-    // The child's exit status once it ended; 128 if a signal ended it.
-    int wait()
-    {
-        int status = 0;
-        waitpid(std::exchange(m_pid, -1), &status, 0);
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
     }
 };
 
 // Exchanges `a` and `b` as fast as it can.
-class Swapper : public Attacker {
+class Swapper : public Child {
 public:
     Swapper(const std::string& a, const std::string& b)
+        : Child([&a, &b] {
+              for (;;) {
+                  exchange(a, b);
+              }
+          })
     {
-        m_pid = fork();
-        if (m_pid == 0) {
-            for (;;) {
-                exchange(a, b);
-            }
-        }
     }
 };
 
 // Exchanges `a` and `b` as soon as the file `watched` is opened, and back once
 // nothing has opened or read it for `quietMs`; restored() then answers true.
-class GuidedSwapper : public Attacker {
+class GuidedSwapper : public Child {
 public:
     GuidedSwapper(const std::string& watched, const std::string& a, const std::string& b, int quietMs = 5)
     {
