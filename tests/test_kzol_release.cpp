@@ -63,8 +63,7 @@ void expectRuns(const std::vector<ToolCase>& cases, const std::string& dir = "."
     }
 }
 
-// "PATH CLASS" of every file, from the audit's JSON lines (but for special
-// files, which verify does not open) or from kzol verify's.
+// "PATH CLASS" of a file, from a JSON line of the audit or of kzol verify.
 std::string classOf(const Json::Value& file)
 {
     static const std::map<std::string, std::string> classes = {{"BS_SIGNATURE_CORRECT", "correct"},
@@ -463,7 +462,7 @@ TEST_F(KzolRelease, AuditAgreesWithVerifyFileByFile)
     ASSERT_EQ(run(shq(KZOL_TOOL) + " audit -j 2 --json " + shq(tree.path()), &auditJson), 1);
     run("cd / && find " + shq(tree.path()) + " -type f -print0 | xargs -0 " + shq(KZOL_TOOL) + " verify --json",
         &verifyJson);
-    Lines audited = jsonLines(auditJson, classOf);
+    Lines audited = jsonLines(auditJson, classOf);  // but for the fifo, which verify does not open
     audited.erase(std::remove(audited.begin(), audited.end(), tree.file("fifo") + " special"), audited.end());
     EXPECT_EQ(audited, jsonLines(verifyJson, classOf));
     EXPECT_EQ(auditJson.find("link-out"), std::string::npos);
