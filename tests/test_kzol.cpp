@@ -262,7 +262,7 @@ TEST(KzolAudit, StagingTreeWithTheDeploymentsKeys)
     const TempDir keys, root;
     writeFile(keys.file("public_key_6.pem"), "old key\n");
     EXPECT_EQ(kzol("keygen " + shq(keys.path())), 1);
-    EXPECT_EQ(snapshot(keys.path()), (Files{{"public_key_6.pem", "old key\n"}}));
+    EXPECT_EQ(snapshot(keys.path()), (Contents{{"public_key_6.pem", "old key\n"}}));
     ASSERT_EQ(kzol("keygen --force " + shq(keys.path())), 0);
     EXPECT_NE(readFile(keys.file("public_key_5.pem")), readFile(keys.file("public_key_6.pem")));
     for (const std::string s : {"5", "6"}) {

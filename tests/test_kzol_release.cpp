@@ -146,7 +146,7 @@ TEST_F(KzolRelease, SignedFilesAndFailures)
     ASSERT_EQ(run("openssl pkey -in " + shq(devPrivateKey('5')) + " -aes256 -passout 'pass:open sesame'", &encrypted),
               0);
     ASSERT_EQ(run("openssl genrsa 1024 2>/dev/null", &rsa1024), 0);
-    const Files files = {
+    const Contents files = {
         {"a.sh", content},
         {"list", "a.sh\n\nb.sh\n"},
         {"empty.pem", ""},
@@ -160,7 +160,7 @@ TEST_F(KzolRelease, SignedFilesAndFailures)
         {"other.sh", signedFile("echo other\n", "P50", devPrivateKey('6'))},
         {"tampered.sh", tampered},
     };
-    const Files after = {
+    const Contents after = {
         {"a.sh", a5},
         {"b.sh", a5},
         {"c.sh", signedFile(content, "P50", key("private_key_5.pem"))},
@@ -221,7 +221,7 @@ TEST_F(KzolRelease, SignedFilesAndFailures)
             ASSERT_EQ(::chmod(work.file(name).c_str(), 0750), 0);
         }
         ASSERT_EQ(::symlink("nowhere", work.file("dangling").c_str()), 0);
-        Files expected = snapshot(work.path());
+        Contents expected = snapshot(work.path());
         std::istringstream changed(c.changed);
         for (std::string name; changed >> name;) {
             expected[name] = after.at(name);

@@ -111,16 +111,12 @@ inline int kzol(const std::string& args, std::string* out = nullptr, const std::
 }
 #endif
 
-}  // namespace kzol_test
-
-namespace kzol_test {
-
-using Files = std::map<std::string, std::string>;
+using Contents = std::map<std::string, std::string>;
 // Name and contents of every entry of a directory ("-" for one that is not a
 // regular file), temporary files included.
-inline Files snapshot(const std::string& dir)
+inline Contents snapshot(const std::string& dir)
 {
-    Files files;
+    Contents files;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
         files[entry.path().filename().string()] = entry.is_regular_file() ? readFile(entry.path().string()) : "-";
     }
