@@ -5,9 +5,6 @@
 // listener that took the daemon's name first; and the path race: a writer who
 // swaps a directory of the path for a link out of the areas while a decision
 // looks, against a decision by name, verifyOpenFileToRun and kzol exec.
-#include <gtest/gtest.h>
-
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>

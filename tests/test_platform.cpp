@@ -10,7 +10,6 @@
 #include <usb_device.h>
 #include <vconf.h>
 
-#include <optional>
 #include <set>
 #include <tuple>
 
