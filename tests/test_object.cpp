@@ -5,9 +5,6 @@
 // listener that took the daemon's name first; and the path race: a writer who
 // swaps a directory of the path for a link out of the areas while a decision
 // looks, against a decision by name, verifyOpenFileToRun and kzol exec.
-#include <gtest/gtest.h>
-
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -179,51 +176,33 @@ TEST(ObjectBound, ListenerThatTookTheDaemonsName)
     const UserArea area;
     const std::string script = area.file("run.sh");
     writeFile(script, c_inside);
-    struct Row {
-        const char* name;
-        bool queueFull;  // never accepts, and its queue is full: only the hardened build returns
-    };
-    const Row rows[] = {{"accepts and reads", false}, {"never accepts, queue full", true}};
     const std::string refused = errorLine("bs_context.cpp", "SendRequestNotification",
                                           "Report not delivered: the listener is not the daemon's user 0;");
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        if (row.queueFull && !c_failClosed) {
-            continue;  // the described channel waits for as long as the listener wants
+    // A listener that never accepts and whose queue is full: only the hardened
+    // build returns, as the described channel waits for as long as the listener wants.
+    for (const bool queueFull : {false, true}) {
+        SCOPED_TRACE(queueFull ? "never accepts, queue full" : "accepts and reads");
+        if (queueFull && !c_failClosed) {
+            continue;
         }
-        int received[2];
-        ASSERT_EQ(pipe2(received, O_CLOEXEC), 0);
-        const UniqueFd readEnd(received[0]), writeEnd(received[1]);
-        const AsNobody squatter([&]() -> int {
-            UniqueFd listener = abstractSocket("SfDaemon/UserMsg", true);
-            if (row.queueFull) {
-                listen(listener.get(), 0);
-                const UniqueFd filler = abstractSocket("SfDaemon/UserMsg", false);
-                (void)write(writeEnd.get(), "", 1);
-                pause();
-            }
-            (void)write(writeEnd.get(), "", 1);
-            for (;;) {
-                const UniqueFd connection(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-                char buffer[4096];
-                for (ssize_t n = 0; connection && (n = recv(connection.get(), buffer, sizeof(buffer), 0)) > 0;) {
-                    (void)write(writeEnd.get(), buffer, static_cast<std::size_t>(n));
-                }
-                usleep(1000);
-            }
-        });
-        char ready = 1;
-        ASSERT_EQ(read(readEnd.get(), &ready, 1), 1);
+        // The squatter listens as user 65534 (nobody): a listener's peers see
+        // the credentials it listened with.
+        ASSERT_EQ(seteuid(65534), 0);
+        const UniqueFd squatter = abstractSocket("SfDaemon/UserMsg", true);
+        const bool full = queueFull && listen(squatter.get(), 0) == 0;
+        const UniqueFd filler = full ? abstractSocket("SfDaemon/UserMsg", false) : UniqueFd();
+        ASSERT_EQ(seteuid(0), 0);
+        ASSERT_TRUE(squatter && (filler || !queueFull));
         clearLog();
         EXPECT_EQ(verifyFileWihtoutKey(script.c_str(), "loader"), 0);
-        usleep(100000);
-        std::string bytes(65536, '\0');
-        pollfd entry{readEnd.get(), POLLIN, 0};
-        const ssize_t got = poll(&entry, 1, 0) == 1 ? read(readEnd.get(), bytes.data(), bytes.size()) : 0;
-        bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        std::string bytes;  // what every connection queued on the squatter holds
+        for (UniqueFd connection; connection.reset(accept4(squatter.get(), nullptr, nullptr, 0)), connection;) {
+            char buffer[65536];
+            bytes.append(buffer, std::max<ssize_t>(recv(connection.get(), buffer, sizeof(buffer), MSG_DONTWAIT), 0));
+        }
         EXPECT_EQ(bytes, c_failClosed ? "" : refusalFrame(script));
         const Lines lines = loggedLines();
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), refused), c_failClosed && !row.queueFull ? 1 : 0);
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), refused), c_failClosed && !queueFull ? 1 : 0);
     }
 }
 
@@ -248,24 +227,17 @@ TEST(ObjectBound, PathRace)
     ASSERT_EQ(symlink(std::filesystem::canonical(outside.path()).c_str(), (area + "/link").c_str()), 0);
     setenv("ASAN_OPTIONS", "verify_asan_link_order=0:detect_leaks=0", 1);
 
-    const auto content = [](int fd) {
-        std::string bytes(c_inside.size() + 1, '\0');
-        const ssize_t got = pread(fd, bytes.data(), bytes.size(), 0);
-        return bytes.substr(0, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-    };
-    // Each decider answers whether the unsigned bytes from /tmp were let run.
-    const auto byName = [&] {
-        const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-        usleep(1000);
-        return verifyFileDescriptor(fd.get(), file.c_str(), "loader") == 1 && content(fd.get()) == c_inside;
-    };
-    const auto openFileToRun = [&] {
-        const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-        usleep(1000);
-        int run = -1;
-        const bool allowed = verifyOpenFileToRun(fd.get(), "loader", 0, &run) == 1;
-        const UniqueFd ran(run);
-        return allowed && content(ran.get()) == c_inside;
+    // A decision on FILE opened a moment before: whether it let the unsigned
+    // bytes from /tmp run, read again through the descriptor to run (*run).
+    const auto opened = [&](const std::function<int(int fd, int* run)>& decide) {
+        return [&, decide] {
+            const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+            usleep(1000);
+            int run = -1;
+            const bool allowed = decide(fd.get(), &run) == 1;
+            const UniqueFd ran(run);
+            return allowed && ran && readFile("/proc/self/fd/" + std::to_string(ran.get())) == c_inside;
+        };
     };
     const auto exec = [&] {
         std::string out;
@@ -277,9 +249,14 @@ TEST(ObjectBound, PathRace)
         std::function<bool()> bypassed;
         bool mayLose;
     };
+    const auto byName = [&](int fd, int* run) {
+        *run = dup(fd);  // what it read is what runs
+        return verifyFileDescriptor(fd, file.c_str(), "loader");
+    };
+    const auto toRun = [](int fd, int* run) { return verifyOpenFileToRun(fd, "loader", 0, run); };
     const Decider deciders[] = {
-        {"by name (an open copy, verifyFileDescriptor with FILE)", byName, true},
-        {"verifyOpenFileToRun", openFileToRun, false},
+        {"by name (an open copy, verifyFileDescriptor with FILE)", opened(byName), true},
+        {"verifyOpenFileToRun", opened(toRun), false},
         {"kzol exec", exec, false},
     };
     constexpr int c_attempts = 100;

@@ -175,8 +175,7 @@ TEST(Policy, Outcomes)
             EXPECT_EQ(err.finish(), c.err);
         }
     }
-    daemon.stop();
-    const DeviceProfile device;
+    daemon.stop();  // the area's own device profile is in force again
     clearLog();
     EXPECT_EQ(verifyFileWihtoutKey(f.unsignedOne.c_str(), "loader"), 0);
     const std::string failed = errorLine("main.cpp", "verifyFileWihtoutKey",

@@ -21,13 +21,6 @@ public:
         set("uid", "5000 5000\n");
         set("vconf/db/comss/hwduid", c_deviceId);
         std::filesystem::create_directory(m_dir.file("usb"));
-        setenv("KZOL_PROFILE", m_dir.path().c_str(), 1);
-        setenv("KZOL_EMULATE_TRACE", m_dir.file("trace").c_str(), 1);
-    }
-    ~DeviceProfile()
-    {
-        unsetenv("KZOL_PROFILE");
-        unsetenv("KZOL_EMULATE_TRACE");
     }
     // Writes a file of the profile, or removes it when `content` is null:
     // "modules", "zone", "uid" ("RUID EUID"), "vconf/db/comss/hwduid" (the
@@ -49,6 +42,10 @@ public:
 
 private:
     TempDir m_dir;
+    // The emulation's answers come from this profile while it lasts, then
+    // from the one (or none) that was in force before.
+    const EnvVar m_profile{"KZOL_PROFILE", m_dir.path()};
+    const EnvVar m_trace{"KZOL_EMULATE_TRACE", m_dir.file("trace")};
 };
 
 // A user-writable area of an emulated television: a fresh directory below

@@ -124,3 +124,20 @@ inline Contents snapshot(const std::string& dir)
 }
 
 }  // namespace kzol_test
+
+#include <optional>
+
+namespace kzol_test {
+
+// Sets an environment variable (nullopt: unsets it) until the end of the
+// scope, then puts back what it held before.
+struct EnvVar {
+    using Value = std::optional<std::string>;
+    const char* name;
+    Value old;
+    EnvVar(const char* n, const Value& value) : name(n), old(getenv(n) ? Value(getenv(n)) : Value()) { set(value); }
+    ~EnvVar() { set(old); }
+    void set(const Value& value) const { value ? setenv(name, value->c_str(), 1) : unsetenv(name); }
+};
+
+}  // namespace kzol_test
