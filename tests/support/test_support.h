@@ -20,6 +20,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -122,12 +123,6 @@ inline Contents snapshot(const std::string& dir)
     }
     return files;
 }
-
-}  // namespace kzol_test
-
-#include <optional>
-
-namespace kzol_test {
 
 // Sets an environment variable (nullopt: unsets it) until the end of the
 // scope, then puts back what it held before.
